@@ -8,7 +8,7 @@
 #include <mutex>
 
 class Clock {
-public:
+  public:
     virtual ~Clock() = default;
     virtual timespec now() = 0;
     // Waits on cond (lock held) until it is notified, spuriously woken, or the
@@ -21,7 +21,7 @@ public:
 // wall clock is read again after each, so a clock set back during a wait ends
 // it (as a time-out) instead of stalling it for as long as the step.
 class WallClock : public Clock {
-public:
+  public:
     timespec now() override;
     bool waitUntil(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
                    const timespec& deadline) override;

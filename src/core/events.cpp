@@ -50,7 +50,9 @@ const char* timestamp() {
     return timeInMs;
 }
 
-EventQueue::EventQueue(Clock& clock) : clock_(clock) { init(); }
+EventQueue::EventQueue(Clock& clock) : clock_(clock) {
+    init();
+}
 
 void EventQueue::init() {
     waitlock_init(uiLock_);
@@ -143,13 +145,27 @@ EventQueue& uiQ() {
     return queue;
 }
 
-void uiQInit() { uiQ().init(); }
-void addEvent(int code) { uiQ().addEvent(code); }
-void orEvent(int code) { uiQ().orEvent(code); }
-void clearEvents() { uiQ().clearEvents(); }
-void postRefresh() { uiQ().postRefresh(); }
-int getUpDownEvents() { return uiQ().getUpDownEvents(); }
-int waitEvent() { return uiQ().waitEvent(); }
+void uiQInit() {
+    uiQ().init();
+}
+void addEvent(int code) {
+    uiQ().addEvent(code);
+}
+void orEvent(int code) {
+    uiQ().orEvent(code);
+}
+void clearEvents() {
+    uiQ().clearEvents();
+}
+void postRefresh() {
+    uiQ().postRefresh();
+}
+int getUpDownEvents() {
+    return uiQ().getUpDownEvents();
+}
+int waitEvent() {
+    return uiQ().waitEvent();
+}
 
 bool isUserEvent(int code) {
     switch (code) {
@@ -168,10 +184,24 @@ bool isUserEvent(int code) {
     }
 }
 
-bool isUp(int code) { return code == 9 || code == 44; }
-bool isDown(int code) { return code == 10 || code == 36; }
-bool isPushOK(int code) { return code == 5 || code == 40; }
-bool isBack(int code) { return code == 2 || code == 43 || code == 106; }
-bool isPrev(int code) { return code == 2 || code == 22 || code == 106; }
-bool isAnyNext(int code) { return code == 8 || code == 24 || code == 74; }
-bool isUserNext(int code) { return code == 8 || code == 24 || code == 107; }
+bool isUp(int code) {
+    return code == 9 || code == 44;
+}
+bool isDown(int code) {
+    return code == 10 || code == 36;
+}
+bool isPushOK(int code) {
+    return code == 5 || code == 40;
+}
+bool isBack(int code) {
+    return code == 2 || code == 43 || code == 106;
+}
+bool isPrev(int code) {
+    return code == 2 || code == 22 || code == 106;
+}
+bool isAnyNext(int code) {
+    return code == 8 || code == 24 || code == 74;
+}
+bool isUserNext(int code) {
+    return code == 8 || code == 24 || code == 107;
+}

@@ -44,7 +44,7 @@ void addMilliseconds(timespec& t, int ms);
 const char* timestamp();
 
 class EventQueue {
-public:
+  public:
     static constexpr int kSlots = 10;
 
     explicit EventQueue(Clock& clock = wallClock());
@@ -61,7 +61,7 @@ public:
 
     int length();
 
-private:
+  private:
     void appendLocked(int code);
 
     Clock& clock_;

@@ -53,7 +53,8 @@ void WebDebugRing::put(std::string_view text) {
     // logging at once can never overrun the reader.
     std::lock_guard<std::mutex> g(mutex_);
     char scratch[kLineMax + 1];
-    while (length_ + text.size() > kSize) getLineLocked(scratch);
+    while (length_ + text.size() > kSize)
+        getLineLocked(scratch);
     for (char c : text) {
         *write_++ = c;
         if (write_ >= top_) write_ = bottom_;
@@ -66,11 +67,17 @@ WebDebugRing& webDebugRing() {
     return ring;
 }
 
-void initWebDebug() { webDebugRing().reset(); }
+void initWebDebug() {
+    webDebugRing().reset();
+}
 
-void stringToWebDebug(const char* text) { webDebugRing().put(text); }
+void stringToWebDebug(const char* text) {
+    webDebugRing().put(text);
+}
 
-int getWebDebugLine(char* out) { return webDebugRing().getLine(out); }
+int getWebDebugLine(char* out) {
+    return webDebugRing().getLine(out);
+}
 
 void initLogging() {
     logging = 1;
@@ -125,7 +132,9 @@ void kzInfo(const char* format, ...) {
     va_end(args);
 }
 
-void startStopwatch() { stopwatchStart = wallMs(); }
+void startStopwatch() {
+    stopwatchStart = wallMs();
+}
 
 void stopwatch(const char* label) {
     kzLog("%s at %d ms\n", label, static_cast<int>(wallMs() - stopwatchStart));

@@ -10,7 +10,7 @@
 // A byte ring of raw log text. When new text does not fit, whole lines are
 // dropped from the old end until it does.
 class WebDebugRing {
-public:
+  public:
     static constexpr size_t kSize = 100000;
     // The longest piece getLine() hands out; its buffer needs one more byte.
     static constexpr int kLineMax = 199;
@@ -28,7 +28,7 @@ public:
     int getLine(char* out);
     size_t length();
 
-private:
+  private:
     int getLineLocked(char* out);
 
     std::unique_ptr<char[]> buffer_;

@@ -1,4 +1,6 @@
 #include "core/startup.h"
 
 // Arguments are accepted and ignored: configuration lives in the settings file.
-int main(int, char**) { return kzMain(); }
+int main(int, char**) {
+    return kzMain();
+}

@@ -50,10 +50,16 @@ int configureHostMode() {
         kzLog("KZ_ROOT %s is not a folder\n", root.c_str());
         return 0;
     }
-    if (access(resolved, W_OK | X_OK) != 0) {
+    // Writing a file is the only test that also holds for root and for
+    // read-only mounts.
+    std::string probe = std::string(resolved) + "/.kz-write-test-XXXXXX";
+    int fd = mkstemp(probe.data());
+    if (fd < 0) {
         kzLog("KZ_ROOT %s is not writable\n", resolved);
         return 0;
     }
+    close(fd);
+    unlink(probe.c_str());
     c.root = resolved;
     if (c.root == "/") c.root.clear();
     return 1;
@@ -69,9 +75,13 @@ void setHostRoot(const std::string& root) {
     skipped.clear();
 }
 
-bool isHostMode() { return !config().root.empty(); }
+bool isHostMode() {
+    return !config().root.empty();
+}
 
-const std::string& hostRoot() { return config().root; }
+const std::string& hostRoot() {
+    return config().root;
+}
 
 std::string hostPath(std::string_view fixed) {
     const std::string& root = config().root;
@@ -86,7 +96,9 @@ std::string cdDevicePath() {
     return c.cdrom.empty() ? hostPath("/dev/sr0") : c.cdrom;
 }
 
-std::string pcmDevice() { return config().pcm.empty() ? "default" : config().pcm; }
+std::string pcmDevice() {
+    return config().pcm.empty() ? "default" : config().pcm;
+}
 
 std::string ffmpegPath() {
     return config().ffmpeg.empty() ? "/usr/bin/ffmpeg" : config().ffmpeg;

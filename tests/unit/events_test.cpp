@@ -13,7 +13,7 @@ namespace {
 // A wall clock that only moves when a test moves it, or when the queue waits
 // for a deadline that has not come yet (the wait then "lasts" until it).
 class ManualClock : public Clock {
-public:
+  public:
     timespec t{1000000, 0};
     int waits = 0;
     timespec now() override { return t; }
@@ -26,14 +26,18 @@ public:
     void advanceMs(int ms) { addMilliseconds(t, ms); }
 };
 
-long long ms(const timespec& t) { return t.tv_sec * 1000LL + t.tv_nsec / 1000000; }
+long long ms(const timespec& t) {
+    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
 
 TEST(EventQueue, KeepsTenCodesInOrderAndDropsTheRest) {
     ManualClock clock;
     EventQueue q(clock);
-    for (int code = 100; code < 111; code++) q.addEvent(code);
+    for (int code = 100; code < 111; code++)
+        q.addEvent(code);
     EXPECT_EQ(q.length(), 10);
-    for (int code = 100; code < 110; code++) EXPECT_EQ(q.waitEvent(), code);
+    for (int code = 100; code < 110; code++)
+        EXPECT_EQ(q.waitEvent(), code);
     // The eleventh was lost; the empty queue now ticks.
     EXPECT_EQ(q.waitEvent(), EVENT_TICK);
 
@@ -63,9 +67,11 @@ TEST(EventQueue, OrEventQueuesACodeOnce) {
     EXPECT_EQ(q.waitEvent(), 8);
     EXPECT_EQ(q.waitEvent(), 7);
     // orEvent on a full queue drops like addEvent.
-    for (int i = 0; i < 10; i++) q.addEvent(i);
+    for (int i = 0; i < 10; i++)
+        q.addEvent(i);
     q.orEvent(133);
-    for (int i = 0; i < 10; i++) EXPECT_EQ(q.waitEvent(), i);
+    for (int i = 0; i < 10; i++)
+        EXPECT_EQ(q.waitEvent(), i);
     EXPECT_EQ(q.waitEvent(), EVENT_TICK);
 }
 
@@ -95,12 +101,14 @@ TEST(EventQueue, PostedAndQueuedRefreshAreDeliveredOnce) {
 TEST(EventQueue, UpDownBurstStopsAtTheFirstOtherCode) {
     ManualClock clock;
     EventQueue q(clock);
-    for (int code : {9, 9, 10, 5, 9}) q.addEvent(code);
+    for (int code : {9, 9, 10, 5, 9})
+        q.addEvent(code);
     EXPECT_EQ(q.getUpDownEvents(), 1);
     EXPECT_EQ(q.waitEvent(), 5);
     EXPECT_EQ(q.getUpDownEvents(), 1);
     EXPECT_EQ(q.getUpDownEvents(), 0);
-    for (int code : {10, 10, 10}) q.addEvent(code);
+    for (int code : {10, 10, 10})
+        q.addEvent(code);
     EXPECT_EQ(q.getUpDownEvents(), -3);
     EXPECT_EQ(q.length(), 0);
 }
@@ -169,7 +177,8 @@ TEST(EventQueue, FloodFromManyThreadsNeverBlocksAndLosesOnlyOverflow) {
             }
         });
     }
-    for (auto& w : writers) w.join();
+    for (auto& w : writers)
+        w.join();
     q.addEvent(1);  // wakes the reader if it sleeps
     stop = true;
     q.addEvent(1);
@@ -230,7 +239,8 @@ TEST(Timestamp, IsOneDigitPointThreeDigits) {
 }
 
 TEST(EventCodes, UserEventsAndKeyPredicates) {
-    for (int code : {0, 11, 12, 13, 14, 49, 53, 74, 105}) EXPECT_FALSE(isUserEvent(code)) << code;
+    for (int code : {0, 11, 12, 13, 14, 49, 53, 74, 105})
+        EXPECT_FALSE(isUserEvent(code)) << code;
     for (int code : {1, 2, 3, 5, 6, 8, 15, 16, 20, 78, 80, 87, 106, 107, 133, 163})
         EXPECT_TRUE(isUserEvent(code)) << code;
 
@@ -245,7 +255,8 @@ TEST(EventCodes, UserEventsAndKeyPredicates) {
 
 TEST(Keys, TranslateBothShiftStates) {
     std::string row;
-    for (int k = 16; k <= 25; k++) row += static_cast<char>(translateKey(k, false));
+    for (int k = 16; k <= 25; k++)
+        row += static_cast<char>(translateKey(k, false));
     EXPECT_EQ(row, "qwertyuiop");
     row.clear();
     for (int k = 2; k <= 13; k++) {

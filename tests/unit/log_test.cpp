@@ -50,7 +50,8 @@ TEST(WebDebugRing, FullRingDropsWholeOldestLinesAndWraps) {
     // Exactly one old line made room; the next one is whole.
     EXPECT_EQ(ring.length(), WebDebugRing::kSize - 100 + 14);
     EXPECT_EQ(line(ring).substr(0, 5), "00001");
-    for (int i = 2; i < 1000; i++) ASSERT_EQ(line(ring).substr(0, 5), std::to_string(100000 + i).substr(1));
+    for (int i = 2; i < 1000; i++)
+        ASSERT_EQ(line(ring).substr(0, 5), std::to_string(100000 + i).substr(1));
     EXPECT_EQ(line(ring), "one more line");
     EXPECT_EQ(ring.length(), 0u);
 }
@@ -62,14 +63,17 @@ TEST(WebDebugRing, ConcurrentWritersNeverOverrunIt) {
         writers.emplace_back([&ring, t] {
             std::string text(60 + t, static_cast<char>('a' + t));
             text += "\n";
-            for (int i = 0; i < 20000; i++) ring.put(text);
+            for (int i = 0; i < 20000; i++)
+                ring.put(text);
         });
     }
     std::thread reader([&ring] {
         char out[WebDebugRing::kLineMax + 1];
-        for (int i = 0; i < 50000; i++) ring.getLine(out);
+        for (int i = 0; i < 50000; i++)
+            ring.getLine(out);
     });
-    for (auto& w : writers) w.join();
+    for (auto& w : writers)
+        w.join();
     reader.join();
     EXPECT_LE(ring.length(), WebDebugRing::kSize);
     // Whatever is left is made of whole lines of one writer each.

@@ -1,0 +1,58 @@
+#include "core/appliance.h"
+
+void init_fonts() {}
+void initJpeg() {}
+void oled_init() {}
+void oled_cls() {}
+void simpleDisplayString(const char*) {}
+void scrollOff() {}
+void setDefaultBrightness() {}
+void setBrightness(int) {}
+void brightDisplay() {}
+void dimDisplay() {}
+void displayStandby(int) {}
+void initTV() {}
+void quickClearTV() {}
+void refreshTVStatus() {}
+void initTFT() {}
+void tftIdleScreen() {}
+void startFlipping() {}
+
+void completeUpgrade() {}
+void noatimePatch() {}
+void getFilterparamsPath() {}
+void pollUSBMounting() {}
+void prepareSD() {}
+int createThirdSDPartition() {
+    return 0;
+}
+void startGetDiskCapacity(int) {}
+void stopUSBScanning() {}
+
+void initInternetRadio() {}
+void initVtuner() {}
+void stopNewRadio() {}
+void stopRadioRecording() {}
+
+void myWifiConnect() {}
+void startWifiWatchdog() {}
+void disableWifi() {}
+void setHotspot(int) {}
+void dumpEthernetAddress() {}
+void startUdp() {}
+void startSambaInBackground() {}
+
+void startSonos() {}
+void initBluetooth() {}
+void ytInit() {}
+bool isVideoPlaying() {
+    return false;
+}
+void stopVideoCaching() {}
+void startLibrespot() {}
+void killLibrespot() {}
+
+bool doingSomethingInBackground() {
+    return false;
+}
+void stopBackgroundJobs() {}

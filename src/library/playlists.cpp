@@ -1,0 +1,5 @@
+#include "library/playlists.h"
+
+void initPlaylists() {}
+void loadPlaylist(int) {}
+void stopPlaylistPlayback() {}

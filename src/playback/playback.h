@@ -1,0 +1,12 @@
+// Playback entry points used by the core: the decoder pipes and playback
+// control. Not built yet: nothing plays and there are no decoder children.
+#pragma once
+
+void initPipe();
+void initPlay();
+void stopPlay();
+bool isPlaying();
+// The aux pass-through is active.
+bool punchThru();
+void killFfmpegs();
+void deleteZombies();

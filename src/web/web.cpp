@@ -1,0 +1,4 @@
+#include "web/web.h"
+
+void initWeb() {}
+void closeWeb() {}
