@@ -30,6 +30,9 @@ void startGetDiskCapacity(int) {}
 void stopUSBScanning() {}
 
 void initInternetRadio() {}
+std::string getRadioName(int) {
+    return "";
+}
 void initVtuner() {}
 void stopNewRadio() {}
 void stopRadioRecording() {}
@@ -45,6 +48,9 @@ void startSambaInBackground() {}
 void startSonos() {}
 void initBluetooth() {}
 void ytInit() {}
+std::string getVideoName(int) {
+    return "";
+}
 bool isVideoPlaying() {
     return false;
 }

@@ -7,6 +7,8 @@
 // state of a machine without them (no video playing, no job running).
 #pragma once
 
+#include <string>
+
 // Displays and graphics.
 void init_fonts();
 void initJpeg();
@@ -37,8 +39,9 @@ int createThirdSDPartition();
 void startGetDiskCapacity(int which);
 void stopUSBScanning();
 
-// Internet radio.
+// Internet radio. There are no stations: names are empty.
 void initInternetRadio();
+std::string getRadioName(int index);
 void initVtuner();
 void stopNewRadio();
 void stopRadioRecording();
@@ -56,6 +59,7 @@ void startSambaInBackground();
 void startSonos();
 void initBluetooth();
 void ytInit();
+std::string getVideoName(int index);
 bool isVideoPlaying();
 void stopVideoCaching();
 void startLibrespot();

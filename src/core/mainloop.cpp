@@ -10,6 +10,7 @@
 #include "core/shutdown.h"
 #include "core/storage.h"
 #include "core/ui.h"
+#include "library/database.h"
 #include "library/library.h"
 #include "library/settings.h"
 #include "playback/cd.h"

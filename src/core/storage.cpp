@@ -15,6 +15,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/shutdown.h"
+#include "library/database.h"
 #include "library/library.h"
 
 int storageMedium = STORAGE_NONE;

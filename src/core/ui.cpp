@@ -1,6 +1,7 @@
 #include "core/ui.h"
 
 #include "core/events.h"
+#include "core/log.h"
 
 std::atomic<int> mstate{0};
 
@@ -26,4 +27,9 @@ void doui(int event) {
     // Standby is a screen, not a process state: any use of the appliance
     // leaves it.
     if (isStandby() && isUserEvent(event)) gotoState(0);
+}
+
+void requestRedraw(const char* reason) {
+    kzInfo("redraw (%s)\n", reason);
+    refreshUI();
 }

@@ -12,6 +12,8 @@ extern std::atomic<int> mstate;
 void initui();
 void kyUIInit();
 void refreshUI();
+// Asks the menus to redraw after background work (reason: what changed).
+void requestRedraw(const char* reason);
 void gotoState(int state);
 bool isStandby();
 // Shows an alert for some seconds (not built yet: nothing is shown).

@@ -5,6 +5,7 @@ int headphoneEnable = 2;
 int settingsDirty = 0;
 }  // namespace
 
+void initSettings() {}
 int getLoggingMode() {
     return 0;
 }

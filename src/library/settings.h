@@ -3,6 +3,9 @@
 // appliance's default and nothing is saved.
 #pragma once
 
+// Loads the settings file, or keeps the defaults (called by initmdb).
+void initSettings();
+
 int getLoggingMode();
 bool isTVUIEnabled();
 int getVolume();

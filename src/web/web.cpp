@@ -2,3 +2,4 @@
 
 void initWeb() {}
 void closeWeb() {}
+void webClientsRefresh() {}

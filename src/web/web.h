@@ -3,3 +3,5 @@
 
 void initWeb();
 void closeWeb();
+// Tells the web pages to reload their lists (nothing listens yet).
+void webClientsRefresh();

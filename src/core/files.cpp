@@ -1,0 +1,60 @@
+#include "core/files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// Empties the folder open as dirFd (which this closes), depth first.
+int emptyFolder(int dirFd) {
+    DIR* d = fdopendir(dirFd);
+    if (!d) {
+        close(dirFd);
+        return -1;
+    }
+    int result = 0;
+    while (dirent* e = readdir(d)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+        struct stat st;
+        if (fstatat(dirFd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            result = -1;
+            continue;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            int sub = openat(dirFd, e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (sub < 0 || emptyFolder(sub) != 0) result = -1;
+            if (unlinkat(dirFd, e->d_name, AT_REMOVEDIR) != 0) result = -1;
+        } else if (unlinkat(dirFd, e->d_name, 0) != 0) {
+            result = -1;
+        }
+    }
+    closedir(d);
+    return result;
+}
+
+}  // namespace
+
+int removeFile(const std::string& path) { return unlink(path.c_str()); }
+
+int removeTree(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode)) return unlink(path.c_str());
+    int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return -1;
+    int result = emptyFolder(fd);
+    if (rmdir(path.c_str()) != 0) result = -1;
+    return result;
+}
+
+bool isFolder(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

@@ -1,0 +1,14 @@
+// Removing files and folders without a shell: a name from a disc, the
+// library or the web is only ever a name.
+#pragma once
+
+#include <string>
+
+// Removes a file or a symbolic link (never what a link points to).
+// 0 on success, -1 with errno set.
+int removeFile(const std::string& path);
+// Removes a folder and everything below it, or a single file. Symbolic links
+// are removed, not followed. 0 when all of it went.
+int removeTree(const std::string& path);
+bool isFolder(const std::string& path);
+bool fileExists(const std::string& path);

@@ -1,0 +1,240 @@
+#include "library/database.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "core/log.h"
+#include "core/ui.h"
+#include "library/library.h"
+#include "library/playlists.h"
+#include "library/scan.h"
+#include "library/sorting.h"
+
+namespace {
+
+constexpr int kLineSize = 250;
+
+struct FileCloser {
+    void operator()(FILE* f) const { fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+// One album block; false when its track count is missing.
+bool readAlbum(FILE* f, char* line) {
+    dbGetLine(f, line, kLineSize);
+    const char* artistName = "unknown";
+    const char* albumName = line;
+    char* slash = strchr(line, '/');
+    if (slash) {
+        *slash = 0;
+        artistName = line;
+        albumName = slash + 1;
+    }
+    int artist = addArtistToDb(artistName);
+    // The album's name must outlive the line buffer: the heap copy does.
+    std::string album = albumName;
+
+    int count = 0;
+    char countLine[kLineSize];
+    dbGetLine(f, countLine, kLineSize);
+    if (sscanf(countLine, "%d", &count) < 1) {
+        kzLog("readAlbum () cannot read number of tracks\n");
+        return false;
+    }
+    int a = appendAlbumToDb(album.c_str(), artist);
+    for (int i = 0; i < count && getTrackCount() < getMaxTracks(); i++) {
+        dbGetLine(f, line, kLineSize);
+        appendTrackToDb(line, a);
+    }
+    return true;
+}
+
+// Per album, its tracks in ascending index order (-1 ends a list).
+struct TrackLists {
+    std::vector<int32_t> first, next;
+    explicit TrackLists(int albums, int tracks) : first(albums, -1), next(tracks, -1) {
+        for (int t = tracks - 1; t >= 0; t--) {
+            int a = getParentAlbum(t);
+            if (a < 0 || a >= albums) continue;
+            next[t] = first[a];
+            first[a] = t;
+        }
+    }
+    int count(int a) const {
+        int n = 0;
+        for (int t = first[a]; t >= 0; t = next[t]) n++;
+        return n;
+    }
+};
+
+bool writeAll(FILE* f) {
+    const int albums = getAlbumCount();
+    TrackLists lists(albums, getTrackCount());
+    fputs("Version 3\n", f);
+    fprintf(f, "%d Albums %d mirror\n", albums, lib().mirrorCount);
+    for (int a = 0; a < albums; a++) {
+        const char* artist = getArtistName(getAlbumArtist(a));
+        fprintf(f, "%s/%s\n", artist ? artist : "", getAlbumName(a));
+        fprintf(f, "%d tracks\n", lists.count(a));
+        for (int t = lists.first[a]; t >= 0; t = lists.next[t]) {
+            fputs(getTrackName(t), f);
+            fputc('\n', f);
+        }
+    }
+    return fflush(f) == 0 && !ferror(f);
+}
+
+}  // namespace
+
+int dbGetLine(FILE* f, char* buffer, int size) {
+    int n = 0;
+    buffer[0] = 0;
+    for (;;) {
+        int c = getc_unlocked(f);
+        if (c == EOF) {
+            buffer[n] = 0;
+            return 0;
+        }
+        if (c == '\n') break;
+        if (n < size - 1) buffer[n++] = static_cast<char>(c);
+    }
+    buffer[n] = 0;
+    return 1;
+}
+
+std::string getDBPath() { return getLocalPath() + "/kzdb"; }
+
+int readDB() {
+    std::string path = getDBPath();
+    File f(fopen(path.c_str(), "r"));
+    if (!f) {
+        kzLog("readDB () cannot find %s\n", path.c_str());
+        return 0;
+    }
+    char line[kLineSize];
+    dbGetLine(f.get(), line, kLineSize);
+    kzLog("First line %s\n", line);
+    int version = 0;
+    if (sscanf(line, "Version %d", &version) < 1) {
+        kzLog("readDB () cannot read version\n");
+    } else {
+        clearDB();
+        int albums = 0, mirror = 0;
+        dbGetLine(f.get(), line, kLineSize);
+        int fields = sscanf(line, "%d %*s %d", &albums, &mirror);
+        if (fields < 1) {
+            kzLog("readDB () cannot read number of albums\n");
+        } else {
+            if (fields == 2) lib().mirrorCount = mirror;
+            int read = 0;
+            while (read < albums && getAlbumCount() < getMaxAlbums() && readAlbum(f.get(), line)) {
+                read++;
+            }
+        }
+    }
+    f.reset();
+    kzLog("%d albums\n", getAlbumCount());
+    kzLog("%d tracks\n", getTrackCount());
+    kzLog("%d artists\n", getArtistCount());
+    kzLog("mirrorCount %d\n", lib().mirrorCount);
+    lib().dirtybit = 0;
+    return 1;
+}
+
+int writeDB() {
+    kzLog("writeDB ()\n");
+    std::string path = getDBPath();
+    if (getLocalPath().empty()) {
+        kzLog("Failed to create file: %s\n", path.c_str());
+        return 0;
+    }
+    std::string temp = path + ".new";
+    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    File f(fd >= 0 ? fdopen(fd, "w") : nullptr);
+    if (!f) {
+        if (fd >= 0) close(fd);
+        kzLog("Failed to create file: %s\n", path.c_str());
+        return 0;
+    }
+    bool ok;
+    {
+        std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
+        ok = writeAll(f.get());
+    }
+    // Only a complete file on disk may replace the old one: a power cut
+    // leaves the old library or the new one, never half of one.
+    ok = ok && fsync(fileno(f.get())) == 0;
+    ok = (fclose(f.release()) == 0) && ok;
+    if (!ok || rename(temp.c_str(), path.c_str()) != 0) {
+        unlink(temp.c_str());
+        kzLog("Failed to create file: %s\n", path.c_str());
+        return 0;
+    }
+    int dir = open(getLocalPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+    sync();
+    lib().dirtybit = 0;
+    return 1;
+}
+
+void saveDBifChanged() {
+    if (!isDirty() || getLocalPath().empty()) return;
+    writeDB();
+    savePlaylists();
+    rebuildShuffle();
+    sortAlbumsAndArtists();
+}
+
+bool postWriteDB() {
+    if (!isDirty() || getLocalPath().empty()) return false;
+    sortAlbumsAndArtists();
+    try {
+        std::thread([] {
+            if (isDirty()) {
+                writeDB();
+                savePlaylists();
+                rebuildShuffle();
+            }
+            kzLog("Posted writeDB complete\n");
+        }).detach();
+    } catch (const std::system_error&) {
+        kzLog("postWriteDB failed to create writedbThread\n");
+        return false;
+    }
+    return true;
+}
+
+void loadOrScan() {
+    clearDB();
+    kzLog("loadOrScan 1\n");
+    if (!readDB()) {
+        scanDB();
+        writeDB();
+    }
+    rebuildShuffle();
+    sortAlbumsAndArtists();
+    loadPlaylists();
+    requestRedraw("loadOrScan");
+    scanLocalEnabled = 0;
+    kzLog("loadOrScan () finished\n");
+}
+
+int startLoadOrScan() {
+    scanLocalEnabled = 1;
+    try {
+        std::thread(loadOrScan).detach();
+    } catch (const std::system_error&) {
+        kzLog("startScanLocal failed to create scanLocalThread\n");
+        scanLocalEnabled = 0;
+        return 0;
+    }
+    return 1;
+}

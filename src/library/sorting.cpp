@@ -1,0 +1,4 @@
+#include "library/sorting.h"
+
+void rebuildShuffle() {}
+void sortAlbumsAndArtists() {}
