@@ -39,7 +39,9 @@ int emptyFolder(int dirFd) {
 
 }  // namespace
 
-int removeFile(const std::string& path) { return unlink(path.c_str()); }
+int removeFile(const std::string& path) {
+    return unlink(path.c_str());
+}
 
 int removeTree(const std::string& path) {
     struct stat st;
@@ -57,4 +59,6 @@ bool isFolder(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool fileExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}

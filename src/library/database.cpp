@@ -25,8 +25,14 @@ struct FileCloser {
 using File = std::unique_ptr<FILE, FileCloser>;
 
 // One album block; false when its track count is missing.
+// The end of the file ends the read: a truncated file adds no phantom
+// "unknown" artist and no track without a name.
+bool atEnd(int got, const char* line) {
+    return got == 0 && line[0] == 0;
+}
+
 bool readAlbum(FILE* f, char* line) {
-    dbGetLine(f, line, kLineSize);
+    if (atEnd(dbGetLine(f, line, kLineSize), line)) return false;
     const char* artistName = "unknown";
     const char* albumName = line;
     char* slash = strchr(line, '/');
@@ -48,7 +54,7 @@ bool readAlbum(FILE* f, char* line) {
     }
     int a = appendAlbumToDb(album.c_str(), artist);
     for (int i = 0; i < count && getTrackCount() < getMaxTracks(); i++) {
-        dbGetLine(f, line, kLineSize);
+        if (atEnd(dbGetLine(f, line, kLineSize), line)) break;
         appendTrackToDb(line, a);
     }
     return true;
@@ -67,7 +73,8 @@ struct TrackLists {
     }
     int count(int a) const {
         int n = 0;
-        for (int t = first[a]; t >= 0; t = next[t]) n++;
+        for (int t = first[a]; t >= 0; t = next[t])
+            n++;
         return n;
     }
 };
@@ -107,7 +114,9 @@ int dbGetLine(FILE* f, char* buffer, int size) {
     return 1;
 }
 
-std::string getDBPath() { return getLocalPath() + "/kzdb"; }
+std::string getDBPath() {
+    return getLocalPath() + "/kzdb";
+}
 
 int readDB() {
     std::string path = getDBPath();

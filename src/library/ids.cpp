@@ -14,7 +14,9 @@ const char* idType(int id) {
 }
 
 namespace {
-std::string orInvalid(const std::string& name) { return name.empty() ? "Invalid" : name; }
+std::string orInvalid(const std::string& name) {
+    return name.empty() ? "Invalid" : name;
+}
 }  // namespace
 
 std::string idName(int id) {

@@ -16,7 +16,9 @@ const char* findNoCase(const char* hay, const char* needle) {
     return nullptr;
 }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 }  // namespace
 
@@ -54,24 +56,31 @@ const char* extensionWord(const char* name) {
     return "NIY";
 }
 
-bool isTrackNumberLetter(char c) { return isDigit(c) || c == '-'; }
+bool isTrackNumberLetter(char c) {
+    return isDigit(c) || c == '-';
+}
 
 char beginsWithTrackNumber(const char* name) {
     if (!isDigit(*name)) return 0;
-    while (isTrackNumberLetter(*name)) name++;
-    while (*name == ' ') name++;
+    while (isTrackNumberLetter(*name))
+        name++;
+    while (*name == ' ')
+        name++;
     return *name;
 }
 
 void copyTrackNumber(const char* src, char* dst) {
-    while (isTrackNumberLetter(*src)) *dst++ = *src++;
+    while (isTrackNumberLetter(*src))
+        *dst++ = *src++;
     *dst = 0;
 }
 
 const char* skipTno(const char* name) {
     if (!isDigit(*name)) return name;
-    while (isDigit(*name)) name++;
-    while (isspace(static_cast<unsigned char>(*name))) name++;
+    while (isDigit(*name))
+        name++;
+    while (isspace(static_cast<unsigned char>(*name)))
+        name++;
     return name;
 }
 
@@ -105,12 +114,16 @@ std::string nameWithoutExtension(const char* name) {
 std::string cleanTrackName(const char* name) {
     std::string s = nameWithoutExtension(name);
     const char* p = s.c_str();
-    while (*p == ' ') p++;
-    while (isTrackNumberLetter(*p)) p++;
-    while (*p == ' ') p++;
+    while (*p == ' ')
+        p++;
+    while (isTrackNumberLetter(*p))
+        p++;
+    while (*p == ' ')
+        p++;
     if (*p == '-') {
         p++;
-        while (*p == ' ') p++;
+        while (*p == ' ')
+            p++;
     }
     return p;
 }

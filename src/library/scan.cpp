@@ -35,7 +35,9 @@ struct DirCloser {
 };
 using Dir = std::unique_ptr<DIR, DirCloser>;
 
-bool isDots(const char* name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
+bool isDots(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
 
 // Whether the entry is a folder; links to folders do not count, so a link
 // can never make a walk loop.
@@ -73,14 +75,28 @@ void logAndRemove(const std::string& path, bool tree) {
 
 }  // namespace
 
-int isScanning() { return scanLocalEnabled; }
-int isScanningUSB() { return scanUSBEnabled; }
-void stopScanningUSB() { scanUSBEnabled = 0; }
-int isCleaning() { return cleanupEnabled; }
-void stopCleanup() { cleanupEnabled = 0; }
-bool isCleanupRunning() { return cleanupEnabled != 0; }
+int isScanning() {
+    return scanLocalEnabled;
+}
+int isScanningUSB() {
+    return scanUSBEnabled;
+}
+void stopScanningUSB() {
+    scanUSBEnabled = 0;
+}
+int isCleaning() {
+    return cleanupEnabled;
+}
+void stopCleanup() {
+    cleanupEnabled = 0;
+}
+bool isCleanupRunning() {
+    return cleanupEnabled != 0;
+}
 
-void useKb(long long bytes) { lib().kbUsed += static_cast<long>((bytes >> 10) + 2); }
+void useKb(long long bytes) {
+    lib().kbUsed += static_cast<long>((bytes >> 10) + 2);
+}
 
 void useKbFromPath(const std::string& path) {
     struct stat st;
@@ -92,9 +108,15 @@ void freeKb(long long bytes) {
     if (lib().kbUsed < 0) lib().kbUsed = 0;
 }
 
-void clearKb() { lib().kbUsed = 0; }
-long getDiskMb() { return diskMb; }
-void setDiskMb(long mb) { diskMb = mb; }
+void clearKb() {
+    lib().kbUsed = 0;
+}
+long getDiskMb() {
+    return diskMb;
+}
+void setDiskMb(long mb) {
+    diskMb = mb;
+}
 
 int startScanLocal() {
     scanLocalEnabled = 1;
