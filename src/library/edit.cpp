@@ -23,7 +23,9 @@ const char* heapCopy(NameHeap& heap, const char* name, int fatalCode) {
     return copy;
 }
 
-std::string parentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+std::string parentOf(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
 
 // Renames on disk. A change of letter case alone goes through a temporary
 // name, so it also works on file systems that ignore case (the SD card).
@@ -82,8 +84,8 @@ int changeTrackName(int t, const char* title) {
     if (name == old) return 1;
 
     int album = getParentAlbum(t);
-    int existing = findTrackByNames(name.c_str(), getAlbumName(album),
-                                    getArtistName(getAlbumArtist(album)));
+    int existing =
+        findTrackByNames(name.c_str(), getAlbumName(album), getArtistName(getAlbumArtist(album)));
     bool caseOnly = existing == t;
     std::string from = getTrackPath(t);
     std::string to = parentOf(from) + "/" + name;

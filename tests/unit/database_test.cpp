@@ -11,7 +11,7 @@
 namespace {
 
 class DatabaseTest : public LibraryFixture {
-protected:
+  protected:
     std::string dbText() {
         std::ifstream f(root + "/kzdb", std::ios::binary);
         std::stringstream s;
@@ -101,7 +101,8 @@ TEST_F(DatabaseTest, DamagedFilesLoadWhatTheyCan) {
 
     // A count beyond the table's capacity stops at 170000 tracks.
     std::string big = "Version 3\n1 Albums 0 mirror\nA/Big\n200000 tracks\n";
-    for (int i = 0; i < 200000; i++) big += std::to_string(i) + ".mp3\n";
+    for (int i = 0; i < 200000; i++)
+        big += std::to_string(i) + ".mp3\n";
     writeDbText(big);
     ASSERT_EQ(readDB(), 1);
     EXPECT_EQ(getTrackCount(), Library::kMaxTracks);
@@ -109,7 +110,8 @@ TEST_F(DatabaseTest, DamagedFilesLoadWhatTheyCan) {
     // Binary junk and a missing file never crash.
     std::mt19937 rng(7);
     std::string junk;
-    for (int i = 0; i < 100000; i++) junk += static_cast<char>(rng());
+    for (int i = 0; i < 100000; i++)
+        junk += static_cast<char>(rng());
     writeDbText("Version 3\n9 Albums\n" + junk);
     EXPECT_EQ(readDB(), 1);
     std::filesystem::remove(root + "/kzdb");
@@ -131,7 +133,8 @@ TEST_F(DatabaseTest, KilledWriterLeavesAWholeFile) {
     auto fill = [](char tag) {
         clearDB();
         for (int a = 0; a < 3000; a++) {
-            int r = addArtistToDb((std::string(1, tag) + " artist " + std::to_string(a % 500)).c_str());
+            int r =
+                addArtistToDb((std::string(1, tag) + " artist " + std::to_string(a % 500)).c_str());
             int al = addAlbumToDb((std::string(1, tag) + " album " + std::to_string(a)).c_str(), r);
             for (int t = 0; t < 12; t++) {
                 addTrackToDb((std::to_string(t) + " " + tag + " song title here.flac").c_str(), al);

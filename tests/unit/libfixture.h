@@ -14,7 +14,7 @@
 #include "library/library.h"
 
 class LibraryFixture : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         root = (std::filesystem::temp_directory_path() /
                 ("kz-lib-" + std::to_string(getpid()) + "-" +

@@ -22,7 +22,8 @@ TEST(Identifiers, BandsTypesAndConversions) {
     EXPECT_STREQ(idType(1000000), "Album");
     EXPECT_STREQ(idType(2500000), "Track");
     EXPECT_STREQ(idType(3999999), "Artist");
-    for (int id : {4000000, 5000000, 7000001, 9000000, 12999999}) EXPECT_STREQ(idType(id), "Playlist");
+    for (int id : {4000000, 5000000, 7000001, 9000000, 12999999})
+        EXPECT_STREQ(idType(id), "Playlist");
     EXPECT_STREQ(idType(13000000), "Bad ID");
     EXPECT_STREQ(idType(-1), "Bad ID");
 
@@ -47,13 +48,15 @@ TEST_F(LibraryFixture, TablesLookUpsAndParents) {
     EXPECT_EQ(getTrackCount(), 2);
     EXPECT_TRUE(isDirty());
 
-    EXPECT_EQ(findTrackByThreeNames("miles davis", "KIND OF BLUE [J]", "02 - freddie freeloader.wav"),
-              t2);
+    EXPECT_EQ(
+        findTrackByThreeNames("miles davis", "KIND OF BLUE [J]", "02 - freddie freeloader.wav"),
+        t2);
     EXPECT_EQ(findAlbumByName("KIND of Blue [J]"), a);
     EXPECT_EQ(findAlbumByNames("Kind of Blue [J]", "Nobody"), -1);
     EXPECT_EQ(getParentId(trackToID(t2)), albumToID(a));
     EXPECT_EQ(getParentId(albumToID(a)), artistToID(r));
-    EXPECT_EQ(getIdPath(trackToID(t1)), root + "/music/Miles Davis/Kind of Blue [J]/01 So What.flac");
+    EXPECT_EQ(getIdPath(trackToID(t1)),
+              root + "/music/Miles Davis/Kind of Blue [J]/01 So What.flac");
     EXPECT_EQ(idName(trackToID(t2)), "Freddie Freeloader");
     EXPECT_EQ(idName(albumToID(a)), "Kind of Blue [J]");
     EXPECT_STREQ(getTrackExt(t1), "FLAC");
@@ -88,7 +91,8 @@ TEST_F(LibraryFixture, FullTablesGiveZeroLocallyAndMinusOneOnUsb) {
     int a = addAlbumToUSBDb("Album", 0);
     std::string longName(240, 'x');
     int added = 0;
-    while (addTrackToUSBDb((std::to_string(added) + longName).c_str(), a) >= 0) added++;
+    while (addTrackToUSBDb((std::to_string(added) + longName).c_str(), a) >= 0)
+        added++;
     EXPECT_GT(added, 3000);
     EXPECT_LT(added, 5000);
 }
@@ -103,7 +107,8 @@ TEST_F(LibraryFixture, FullLocalHeapStopsTheCallingThread) {
         dup2(out[1], 1);
         setvbuf(stdout, nullptr, _IOLBF, 0);
         std::string name(200, 'r');
-        for (int i = 0;; i++) addArtistToDb((std::to_string(i) + name).c_str());
+        for (int i = 0;; i++)
+            addArtistToDb((std::to_string(i) + name).c_str());
     }
     close(out[1]);
     std::string text;

@@ -10,6 +10,7 @@
 #include "core/events.h"
 #include "core/mainloop.h"
 #include "core/paths.h"
+#include "library/library.h"
 
 namespace {
 
@@ -41,6 +42,30 @@ TEST(Exits, EachEndsWithItsStatus) {
     EXPECT_EQ(exitStatusOf(restartProgram), EXIT_RESTART);
     EXPECT_EQ(exitStatusOf(kzReboot), 0);
     EXPECT_EQ(exitStatusOf(kTubeQuitProgram), 0);
+}
+
+// With a changed library, which exits save it.
+TEST(Exits, SaveTheLibraryAsEachExitShould) {
+    struct Case {
+        void (*exit)();
+        bool saves;
+    };
+    for (Case c : {Case{quitProgram, true}, Case{failAndExit, true}, Case{restartProgram, true},
+                   Case{quitNoSave, false}, Case{kzReboot, false}}) {
+        fs::path root = fs::temp_directory_path() / ("kz-save-" + std::to_string(getpid()));
+        fs::create_directories(root);
+        fflush(stdout);
+        pid_t pid = fork();
+        if (pid == 0) {
+            setHostRoot(root.string());
+            initmdb(root.string());
+            addArtistToDb("Changed");
+            c.exit();
+        }
+        waitpid(pid, nullptr, 0);
+        EXPECT_EQ(fs::exists(root / "kzdb"), c.saves);
+        fs::remove_all(root);
+    }
 }
 
 TEST(Exits, SignalsQuitThroughTheMainLoop) {
