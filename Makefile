@@ -32,8 +32,21 @@ run: build
 bench: build
 	@echo "no benchmarks yet"
 
+# Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
+# starting from its corpus under fuzz/corpus/<name without _fuzz>.
+FUZZ_DIR     := build-fuzz
+FUZZ_SECONDS ?= 60
 fuzz: deps
-	@echo "no fuzz targets yet"
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKZ_FUZZ=ON >/dev/null
+	@cmake --build $(FUZZ_DIR) -j $(JOBS)
+	@for t in $(FUZZ_DIR)/fuzz/*_fuzz; do \
+		name=$$(basename $$t _fuzz); mkdir -p $(FUZZ_DIR)/corpus/$$name; \
+		echo "fuzzing $$name for $(FUZZ_SECONDS) s"; \
+		$$t -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -print_final_stats=1 \
+			$(FUZZ_DIR)/corpus/$$name fuzz/corpus/$$name > $(FUZZ_DIR)/$$name.log 2>&1; \
+		rc=$$?; tail -5 $(FUZZ_DIR)/$$name.log; \
+		if [ $$rc -ne 0 ]; then tail -40 $(FUZZ_DIR)/$$name.log; exit 1; fi; \
+	done
 
 format:
 	@clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp' 'fuzz/*.cpp')
