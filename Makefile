@@ -29,8 +29,10 @@ test: build sanitize
 run: build
 	@scripts/demo
 
+# Figures go to the terminal; inputs are generated once under build/bench-data.
 bench: build
-	@echo "no benchmarks yet"
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench
+	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 
 # Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
 # starting from its corpus under fuzz/corpus/<name without _fuzz>.

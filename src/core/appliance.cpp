@@ -27,7 +27,6 @@ int createThirdSDPartition() {
     return 0;
 }
 void startGetDiskCapacity(int) {}
-void stopUSBScanning() {}
 
 void initInternetRadio() {}
 std::string getRadioName(int) {

@@ -37,7 +37,6 @@ void prepareSD();
 // Returns 1 when the partition was made (never, until this is built).
 int createThirdSDPartition();
 void startGetDiskCapacity(int which);
-void stopUSBScanning();
 
 // Internet radio. There are no stations: names are empty.
 void initInternetRadio();

@@ -119,7 +119,7 @@ void allStop() {
     stopBackgroundJobs();
     if (isRipping()) uiStopRip();
     if (isCleanupRunning()) stopCleanup();
-    stopUSBScanning();
+    stopScanningUSB();
     stopVideoCaching();
     stopAuxRecording();
     stopRadioRecording();

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "core/appliance.h"
+#include "core/files.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/shutdown.h"
@@ -44,15 +45,6 @@ const char* getHddDeviceAndPartition() {
 }
 
 namespace {
-
-bool isFolder(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 // A folder is a mount point when it lies on another device than its parent.
 bool isMountPoint(const std::string& path) {
@@ -174,7 +166,7 @@ void initDisks() {
     bool sdMounted = mountSD(host);
     if (sdMounted) prepareSD();
 
-    if (lowSpeed || (sdMounted && exists(hostPath("/media/sd3/cookie"))) ||
+    if (lowSpeed || (sdMounted && fileExists(hostPath("/media/sd3/cookie"))) ||
         (sdMounted && !hddpresent)) {
         storageMedium = STORAGE_SD;
         initmdb(hostPath("/media/sd3"));
