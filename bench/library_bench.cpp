@@ -25,14 +25,20 @@ namespace {
 
 constexpr int kAlbums = 15000, kTracks = 170000, kArtists = 3000;
 
-std::string artistName(int r) { return "Artist Name " + std::to_string(r); }
-std::string albumName(int a) { return "The Album Title " + std::to_string(a); }
+std::string artistName(int r) {
+    return "Artist Name " + std::to_string(r);
+}
+std::string albumName(int a) {
+    return "The Album Title " + std::to_string(a);
+}
 std::string trackName(int a, int i) {
     char buf[80];
     snprintf(buf, sizeof buf, "%02d A Song Title %d.flac", i + 1, a);
     return buf;
 }
-int tracksIn(int a) { return kTracks / kAlbums + (a < kTracks % kAlbums ? 1 : 0); }
+int tracksIn(int a) {
+    return kTracks / kAlbums + (a < kTracks % kAlbums ? 1 : 0);
+}
 
 double msSince(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
@@ -43,7 +49,8 @@ void writeFullKzdb(const std::string& path) {
     f << "Version 3\n" << kAlbums << " Albums 0 mirror\n";
     for (int a = 0; a < kAlbums; a++) {
         f << artistName(a % kArtists) << "/" << albumName(a) << "\n" << tracksIn(a) << " tracks\n";
-        for (int i = 0; i < tracksIn(a); i++) f << trackName(a, i) << "\n";
+        for (int i = 0; i < tracksIn(a); i++)
+            f << trackName(a, i) << "\n";
     }
 }
 
@@ -63,8 +70,10 @@ void benchReadDB(const std::string& root) {
         readDB();
         best = std::min(best, msSince(t0));
     }
-    fprintf(stderr, "readDB: %d albums, %d tracks: %.1f ms (target 50 ms); plain read %.2f ms, "
-            "ratio %.1f\n", getAlbumCount(), getTrackCount(), best, bytesBest, best / bytesBest);
+    fprintf(stderr,
+            "readDB: %d albums, %d tracks: %.1f ms (target 50 ms); plain read %.2f ms, "
+            "ratio %.1f\n",
+            getAlbumCount(), getTrackCount(), best, bytesBest, best / bytesBest);
 }
 
 void benchScanDB(const std::string& work) {

@@ -45,6 +45,7 @@ void startUdp() {}
 void startSambaInBackground() {}
 
 void startSonos() {}
+void setDLNA(int) {}
 void initBluetooth() {}
 void ytInit() {}
 std::string getVideoName(int) {

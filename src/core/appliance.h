@@ -56,6 +56,8 @@ void startSambaInBackground();
 
 // Sonos, Bluetooth, video, streaming receiver.
 void startSonos();
+// The DLNA media server on or off.
+void setDLNA(int on);
 void initBluetooth();
 void ytInit();
 std::string getVideoName(int index);

@@ -2,6 +2,7 @@
 
 void setVolume(int, int) {}
 void setToneControlFromPreset(int) {}
+void setBassTreble(int, int) {}
 void switchAlsaPlaybackDevice(int) {}
 int isUSBdac() {
     return 0;

@@ -4,6 +4,8 @@
 
 void setVolume(int volume, int device);
 void setToneControlFromPreset(int preset);
+// Bass and treble in 1.5 dB steps, -6 to 6.
+void setBassTreble(int bass, int treble);
 void switchAlsaPlaybackDevice(int device);
 // 1 when a USB DAC is attached.
 int isUSBdac();

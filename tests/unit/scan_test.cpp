@@ -18,12 +18,12 @@ int trackIn(const char* artist, const char* album, const char* track) {
 TEST_F(ScanTest, FolderLayoutDecidesWhatIsAlbumAndTrack) {
     touch("Bjork/Post/01 Army of Me.flac", std::string(5000, 'a'));
     touch("Bjork/Post/02 Hyperballad.MP3");
-    touch("Bjork/Post/01 Intro.mp3.mp3");    // the first ".mp3" is not at the end
+    touch("Bjork/Post/01 Intro.mp3.mp3");  // the first ".mp3" is not at the end
     touch("Bjork/Post/cover.jpg");
     touch("Bjork/Post/Extras/03 Bonus.flac");  // below an album: ignored
     touch("Bjork/Post/mirror/01 Army of Me.mp3");
-    touch("Bjork/Loose Track.mp3");           // directly in an artist folder
-    touch("Stray.mp3");                       // directly in the music folder
+    touch("Bjork/Loose Track.mp3");  // directly in an artist folder
+    touch("Stray.mp3");              // directly in the music folder
     std::filesystem::create_directories(root + "/music/Bjork/Empty Album");
 
     scanLocalEnabled = 1;
@@ -69,7 +69,7 @@ TEST_F(ScanTest, UsbDriveIsWalkedSevenLevelsDeep) {
     make("Artist/Album/notes.mp3.txt");
     make(".Trashes/Artist/Album/x.mp3");
     make("$RECYCLE.BIN/y.mp3");
-    make("1/2/3/4/5/6/7/deep.mp3");    // seven folders down: found
+    make("1/2/3/4/5/6/7/deep.mp3");      // seven folders down: found
     make("1/2/3/4/5/6/7/8/deeper.mp3");  // eight: not
     std::filesystem::create_directory_symlink(usb, usb + "/Artist/loop");
 
