@@ -15,6 +15,7 @@
 #include "library/settings.h"
 #include "playback/cd.h"
 #include "playback/playback.h"
+#include "ripping/cdrom.h"
 #include "ripping/ripper.h"
 
 namespace {

@@ -75,6 +75,10 @@ void setHostRoot(const std::string& root) {
     skipped.clear();
 }
 
+void setHostCdrom(const std::string& path) {
+    config().cdrom = path;
+}
+
 bool isHostMode() {
     return !config().root.empty();
 }

@@ -12,6 +12,8 @@
 int configureHostMode();
 // For tests: host mode inside `root` (empty: appliance), other variables unset.
 void setHostRoot(const std::string& root);
+// For tests: the CD drive or image, as KZ_CDROM names it.
+void setHostCdrom(const std::string& path);
 
 bool isHostMode();
 const std::string& hostRoot();

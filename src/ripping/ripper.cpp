@@ -1,14 +1,425 @@
 #include "ripping/ripper.h"
 
-void initRipper() {}
+#include <curl/curl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "core/files.h"
+#include "core/log.h"
+#include "library/database.h"
+#include "library/library.h"
+#include "library/scan.h"
+#include "library/sorting.h"
+#include "ripping/cdrom.h"
+#include "ripping/wav.h"
+
+std::atomic<int> ripEnabled{0};
+int ripUserChoice = 0;
+int numTracksToRip = 99;
+int cdFramesPerRead = 50;
+int driveSpeed = 0;
+
+namespace {
+
+std::atomic<bool> ripping{false};
+std::mutex namesMutex;
+RipNames uploadedNames;
+RipProgress progress;
+std::string ripArtistName, ripAlbumName, ripTrackName, ripArtPath;
+
+constexpr long long kTwoMinutesBytes = 21167999;
+
+struct FileCloser {
+    void operator()(FILE* f) const {
+        if (f) fclose(f);
+    }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+long long freeBytes(const std::string& folder) {
+    struct statvfs vfs;
+    if (statvfs(folder.c_str(), &vfs) != 0) return 0;
+    return static_cast<long long>(vfs.f_bavail) * vfs.f_frsize;
+}
+
+size_t writeToFile(char* data, size_t size, size_t n, void* f) {
+    return fwrite(data, size, n, static_cast<FILE*>(f));
+}
+
+bool download(const std::string& url, const std::string& path) {
+    File f(fopen(path.c_str(), "wb"));
+    kzLog("ripAlbum () coverart path %s f=%d\n", path.c_str(), f ? 1 : 0);
+    if (!f) return false;
+    CURL* curl = curl_easy_init();
+    if (!curl) return false;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, f.get());
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);
+    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
+    CURLcode rc = curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+    if (rc != CURLE_OK) {
+        kzLog("ripAlbum () cover art not fetched: %s\n", curl_easy_strerror(rc));
+        f.reset();
+        unlink(path.c_str());
+        return false;
+    }
+    return true;
+}
+
+// The names this rip uses.
+RipNames chooseNames() {
+    if (ripUserChoice < 0) {
+        std::lock_guard<std::mutex> g(namesMutex);
+        return uploadedNames;
+    }
+    if (ripUserChoice > 0 && ripUserChoice <= getLookupCandidateCount()) {
+        return getLookupCandidate(ripUserChoice - 1);
+    }
+    return {};
+}
+
+// Reads count sectors from first and appends them to the file: the bytes
+// written, or 0 after a failed read or write.
+long CdRipReadWriteTrackSectors(CdDrive& drive, int32_t first, int count, FILE* f,
+                                std::vector<uint8_t>& buffer) {
+    size_t bytes = static_cast<size_t>(count) * kSectorBytes;
+    if (buffer.size() < bytes) buffer.resize(bytes);
+    if (!drive.readAudio(buffer.data(), first, count)) {
+        kzLog("Failed to read sectors at lsnNo: %d\n", first);
+        return 0;
+    }
+    if (fwrite(buffer.data(), 1, bytes, f) != bytes) {
+        kzLog("Failed to write %6.6d bytes from sector: %6.6d\n", static_cast<int>(bytes), first);
+        return 0;
+    }
+    return static_cast<long>(bytes);
+}
+
+void addToLibrary(const std::string& artist, const std::string& album, const std::string& file,
+                  const std::string& path) {
+    int r = addArtistToDb(artist.c_str());
+    int a = addAlbumToDb(album.c_str(), r);
+    addTrackToDb(file.c_str(), a);
+    useKbFromPath(path);
+}
+
+enum class TrackResult { Failed, Done, KeptAfterFailure };
+
+TrackResult ripTrack(CdDrive& drive, const std::string& folder, const CdHeader& header, int index,
+                     const RipNames& names, const std::string& artist, const std::string& album) {
+    const CdTrack& track = header.tracks[index];
+    if (!track.audio) {
+        kzLog("ripTrack () NOT TRACK_FORMAT_AUDIO\n");
+        return TrackResult::Failed;
+    }
+    const long long expected = static_cast<long long>(kSectorBytes) * track.frameCount();
+    if (freeBytes(folder) < expected) {
+        kzLog("ripTrack () not enough space for track %d\n", track.number);
+        return TrackResult::Failed;
+    }
+
+    std::string title = index < static_cast<int>(names.tracks.size()) ? names.tracks[index] : "";
+    char name[200];
+    if (!title.empty()) {
+        snprintf(name, sizeof name, "%02d %s.wav", track.number, cleanRipName(title).c_str());
+    } else {
+        snprintf(name, sizeof name, "%02d track%d.wav", track.number, track.number);
+    }
+    std::string path = folder + "/" + name;
+    kzLog("ripTrack () Track = %d, path = %s\n", track.number, path.c_str());
+    kzLog("Sector %d to %d\n", track.startLsn, track.endLsn);
+    std::string stem = path.substr(0, path.size() - 4);
+    for (const char* ext : {".flac", ".mp3", ".m4a"})
+        unlink((stem + ext).c_str());
+    {
+        std::lock_guard<std::mutex> g(namesMutex);
+        ripTrackName = title.empty() ? name : title;
+        progress = {track.number, track.frameCount(), 0, 0};
+    }
+
+    std::unique_ptr<WavFmt, void (*)(WavFmt*)> fmt(WavFmtCreate(), WavFmtDestroy);
+    std::unique_ptr<WavListInfo, void (*)(WavListInfo*)> info(WavListInfoCreate(),
+                                                              WavListInfoDestroy);
+    if (!fmt) kzLog("Failed to create TWavFmt\n");
+    if (!info) kzLog("Failed to create TWavListInfo\n");
+    if (!fmt || !info) return TrackResult::Failed;
+    WavFmtSetAudioFormat(fmt.get(), 1);
+    WavFmtSetNumChannels(fmt.get(), 2);
+    WavFmtSetSampleRate(fmt.get(), 44100);
+    WavFmtSetByteRate(fmt.get(), 176400);
+    WavFmtSetBlockAlign(fmt.get(), 4);
+    WavFmtSetBps(fmt.get(), 16);
+    std::string number = std::to_string(track.number);
+    if (!title.empty()) WavListInfoSetTrackName(info.get(), title.c_str(), title.size());
+    if (!names.album.empty()) WavListInfoSetAlbumName(info.get(), album.c_str(), album.size());
+    if (!names.artist.empty()) WavListInfoSetArtistName(info.get(), artist.c_str(), artist.size());
+    WavListInfoSetTrackNum(info.get(), number.c_str(), number.size());
+    if (!names.year.empty()) WavListInfoSetYear(info.get(), names.year.c_str(), names.year.size());
+    if (!names.genre.empty())
+        WavListInfoSetGenre(info.get(), names.genre.c_str(), names.genre.size());
+
+    File f(fopen(path.c_str(), "wb"));
+    if (!f) {
+        kzLog("Failed to create WAV file: %s\n", path.c_str());
+        return TrackResult::Failed;
+    }
+    WavWriteWavHeader(0, f.get());
+    long listLength = WavListInfoWrite(info.get(), f.get());
+    WavFmtWrite(fmt.get(), f.get());
+    WavWriteDataChunkHeader(static_cast<uint32_t>(expected), f.get());
+
+    std::vector<uint8_t> buffer;
+    long long written = 0;
+    bool error = false;
+    int32_t pos = track.startLsn;
+    const int32_t end = track.endLsn;
+    auto t0 = std::chrono::steady_clock::now();
+    int sinceUpdate = 0;
+    while (ripEnabled && end - pos > cdFramesPerRead) {
+        long n = CdRipReadWriteTrackSectors(drive, pos, cdFramesPerRead, f.get(), buffer);
+        if (n == 0) {
+            error = true;
+            break;
+        }
+        written += n;
+        pos += cdFramesPerRead;
+        sinceUpdate += cdFramesPerRead;
+        if (sinceUpdate >= 600) {
+            sinceUpdate = 0;
+            long ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                            std::chrono::steady_clock::now() - t0)
+                                            .count());
+            std::lock_guard<std::mutex> g(namesMutex);
+            progress.done = pos - track.startLsn;
+            progress.speed = ms > 0 ? static_cast<int>(progress.done * 1000L / (ms * 75)) : 0;
+        }
+    }
+    if (!error && ripEnabled) {
+        long n = CdRipReadWriteTrackSectors(drive, pos, end - pos + 1, f.get(), buffer);
+        if (n == 0) {
+            error = true;
+        } else {
+            written += n;
+            pos = end + 1;
+        }
+    }
+    const bool complete = !error && ripEnabled && pos > end;
+
+    if (written != expected) {
+        kzLog("ripTrack: Written %08d bytes of audio, expected %08d\n", static_cast<int>(written),
+              static_cast<int>(expected));
+    }
+    WavUpdateWavHeaderFileSize(static_cast<uint32_t>(4 + listLength + 24 + 8 + expected), f.get());
+    kzLog("ripTrack wrote %d bytes\n", static_cast<int>(written));
+    bool closed = fclose(f.release()) == 0;
+
+    if (complete && closed) {
+        addToLibrary(artist, album, name, path);
+        if (index == 0) sortAlbumsAndArtists();
+        return TrackResult::Done;
+    }
+    // A read failure after two minutes of audio keeps what was read.
+    if (error && ripEnabled && closed && written > kTwoMinutesBytes) {
+        addToLibrary(artist, album, name, path);
+        return TrackResult::KeptAfterFailure;
+    }
+    kzLog("Rip interrupted deleting %s\n", path.c_str());
+    unlink(path.c_str());
+    return TrackResult::Failed;
+}
+
+int ripAlbum(CdDrive& drive, const CdHeader& header) {
+    RipNames names = chooseNames();
+    std::string artist = names.artist.empty() ? "Unknown" : cleanRipName(names.artist);
+    std::string artistFolder = getMusicDirectory() + "/" + artist;
+    std::string album =
+        names.album.empty() ? getNextAlbumName(artistFolder) : cleanRipName(names.album);
+    std::string folder = artistFolder + "/" + album;
+    mkdir(getMusicDirectory().c_str(), 0777);
+    mkdir(artistFolder.c_str(), 0777);
+    if (mkdir(folder.c_str(), 0777) != 0 && !isFolder(folder)) {
+        kzLog("CreateWavFilesFromDisc: cant create directory to hold rip files\n");
+        return 0;
+    }
+    {
+        std::lock_guard<std::mutex> g(namesMutex);
+        ripArtistName = artist;
+        ripAlbumName = album;
+        ripArtPath.clear();
+    }
+
+    if (File toc{fopen((folder + "/toc").c_str(), "w")}) {
+        auto line = [&](int32_t lsn) {
+            int lba = lsn + 150;
+            fprintf(toc.get(), "%d,%d,%d\n", lba / (60 * 75), lba / 75 % 60, lba % 75);
+        };
+        for (const CdTrack& t : header.tracks)
+            line(t.startLsn);
+        line(header.leadoutLsn);
+    }
+    if (File id{fopen((folder + "/discid").c_str(), "w")}) {
+        fprintf(id.get(), "%s\n", computeDiscId(header).c_str());
+        fprintf(id.get(), "%08X\n", CdHeaderComputeCddbId(header));
+    }
+    if (!names.artUrl.empty()) {
+        kzLog("Fetching cover art from %s\n", names.artUrl.c_str());
+        std::string art = folder + "/coverart.jpg";
+        if (download(names.artUrl, art)) {
+            std::lock_guard<std::mutex> g(namesMutex);
+            ripArtPath = art;
+        }
+    }
+
+    int result = 1;
+    for (int i = 0; ripEnabled && i < header.numTracks() && i < numTracksToRip; i++) {
+        TrackResult r = ripTrack(drive, folder, header, i, names, artist, album);
+        bool last = i == header.numTracks() - 1;
+        if (r == TrackResult::Done) continue;
+        if (r == TrackResult::KeptAfterFailure && last) continue;
+        kzLog("Error ripping track %d\n", header.tracks[i].number);
+        kzLog("Track type %d\n", header.tracks[i].audio ? 0 : 1);
+        if (last) break;
+        if (!header.tracks[i].audio) {
+            kzLog("Next Track type %d\n", header.tracks[i + 1].audio ? 0 : 1);
+            if (header.tracks[i + 1].audio) continue;
+        }
+        result = 0;
+        break;
+    }
+    saveDBifChanged();
+    return result;
+}
+
+}  // namespace
+
+void initRipper() {
+    clearProgress();
+}
 void initCompression() {}
 void initFLAC() {}
-bool isRipping() {
-    return false;
+
+void rip() {
+    kzLog("rip ()\n");
+    CdDrive drive;
+    if (!drive.ok()) {
+        kzLog("CdRip:Failed to open device\n");
+    } else if (!drive.setSpeed(driveSpeed)) {
+        kzLog("CdRip:Failed to set drive speed\n");
+    } else {
+        CdHeader header;
+        if (!drive.readHeader(&header)) {
+            kzLog("CdRip: Failed to read CD header block from disc\n");
+        } else if (!ripAlbum(drive, header)) {
+            kzLog("Failure whilst ripping tracks \n");
+        }
+    }
+    ripEnabled = 0;
+    ripping = false;
 }
-void uiStopRip() {}
+
+int startRip() {
+    if (ripping.exchange(true)) return 0;
+    ripEnabled = 1;
+    try {
+        std::thread(rip).detach();
+    } catch (const std::system_error&) {
+        kzLog("startRip failed to create ripThread\n");
+        ripping = false;
+        ripEnabled = 0;
+        return 0;
+    }
+    return 1;
+}
+
+bool isRipping() {
+    return ripping;
+}
+void uiStopRip() {
+    ripEnabled = 0;
+}
+
+void setRipSpeedLimit(int times) {
+    driveSpeed = 176 * times;
+    cdFramesPerRead = 1;
+}
+
+RipProgress getCDProgress() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    return progress;
+}
+
+void clearProgress() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    progress = {};
+}
+
+void setUploadedRipNames(const RipNames& names) {
+    std::lock_guard<std::mutex> g(namesMutex);
+    uploadedNames = names;
+}
+
+std::string getRipArtist() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    return ripArtistName;
+}
+std::string getRipAlbum() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    return ripAlbumName;
+}
+std::string getRipTrack() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    return ripTrackName;
+}
+std::string getRipArtPath() {
+    std::lock_guard<std::mutex> g(namesMutex);
+    return ripArtPath;
+}
+
+std::string cleanRipName(const std::string& name, size_t maxBytes) {
+    std::string s;
+    for (unsigned char c : name) {
+        bool bad = c < 32 || c == 127 || strchr("/\\:*?\"<>|", c) != nullptr;
+        s += bad ? '_' : static_cast<char>(c);
+    }
+    // Cut at a character boundary: never leave half of a UTF-8 sequence.
+    if (s.size() > maxBytes) {
+        size_t cut = maxBytes;
+        while (cut > 0 && (static_cast<unsigned char>(s[cut]) & 0xC0) == 0x80)
+            cut--;
+        s.resize(cut);
+    }
+    while (!s.empty() && (s.back() == ' ' || s.back() == '.'))
+        s.pop_back();
+    if (!s.empty() && s[0] == '.') s[0] = '_';
+    if (s.empty()) s = "_";
+    return s;
+}
+
+std::string getNextAlbumName(const std::string& artistFolder) {
+    for (int n = 1;; n++) {
+        std::string name = "Album " + std::to_string(n);
+        if (!fileExists(artistFolder + "/" + name)) return name;
+    }
+}
+
 void clearOfflineFlag() {}
 void startCDDBLookup() {}
 void clearDiscid() {}
 void clearArtURL() {}
 void startGetArt() {}
+int getLookupCandidateCount() {
+    return 0;
+}
+RipNames getLookupCandidate(int) {
+    return {};
+}

@@ -1,14 +1,68 @@
-// Ripping, disc lookup and compression as the core sees them. Not built yet:
-// nothing is ever ripping.
+// Ripping a CD into a new album folder of the library: one WAV file per track
+// with its names inside, and "toc", "discid" and "coverart.jpg" beside them.
+// The rip runs on a thread of its own; the screens and the web read its
+// progress and stop it by clearing ripEnabled.
 #pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+struct RipNames {
+    std::string artist;
+    std::string album;
+    std::string year;
+    std::string genre;
+    std::string artUrl;
+    std::vector<std::string> tracks;  // by track index
+};
+
+struct RipProgress {
+    int track = 0;
+    int sectors = 0;
+    int done = 0;
+    int speed = 0;  // multiple of real time
+};
+
+extern std::atomic<int> ripEnabled;
+// Negative: the uploaded names; 0: no names; N: lookup candidate N - 1.
+extern int ripUserChoice;
+extern int numTracksToRip;
+extern int cdFramesPerRead;
+extern int driveSpeed;
 
 void initRipper();
 void initCompression();
 void initFLAC();
+// Starts the rip thread; 1 when started.
+int startRip();
+// The rip thread's body.
+void rip();
 bool isRipping();
+// The menus' and the web's stop: the rip ends after its current read.
 void uiStopRip();
+void setRipSpeedLimit(int times);
+RipProgress getCDProgress();
+void clearProgress();
+// The names uploaded with a rip request (used when ripUserChoice < 0).
+void setUploadedRipNames(const RipNames& names);
+std::string getRipArtist();
+std::string getRipAlbum();
+std::string getRipTrack();
+std::string getRipArtPath();
+
+// A name from a disc or an upload made safe as one file or folder name,
+// UTF-8 kept, cut to at most maxBytes without splitting a character.
+std::string cleanRipName(const std::string& name, size_t maxBytes = 143);
+// "Album 1", "Album 2", ...: the first that the artist does not have yet.
+std::string getNextAlbumName(const std::string& artistFolder);
+
+// Disc lookup (names and art from CDDB and MusicBrainz) is not built yet:
+// there are no candidates.
 void clearOfflineFlag();
 void startCDDBLookup();
 void clearDiscid();
 void clearArtURL();
 void startGetArt();
+int getLookupCandidateCount();
+RipNames getLookupCandidate(int index);

@@ -77,10 +77,10 @@ const char* WavListInfoGetSoftware(const WavListInfo* info);
 const char* WavListInfoGetTOC(const WavListInfo* info);
 
 // Writers: each returns the number of bytes it added to the file.
-int WavWriteWavHeader(uint32_t size, FILE* f);     // "RIFF", size, "WAVE": 12
+int WavWriteWavHeader(uint32_t size, FILE* f);           // "RIFF", size, "WAVE": 12
 int WavListInfoWrite(const WavListInfo* info, FILE* f);  // whole LIST chunk, or 0
-int WavFmtWrite(const WavFmt* fmt, FILE* f);       // 24
-int WavWriteDataChunkHeader(uint32_t size, FILE* f);  // 8
+int WavFmtWrite(const WavFmt* fmt, FILE* f);             // 24
+int WavWriteDataChunkHeader(uint32_t size, FILE* f);     // 8
 int WavUpdateWavHeaderFileSize(uint32_t size, FILE* f);  // at byte 4: 4
 void WavWriteIntIntoBuf(uint8_t* buf, uint32_t v);
 void WavWriteShortIntoBuf(uint8_t* buf, uint16_t v);

@@ -11,7 +11,7 @@
 namespace {
 
 class SettingsTest : public LibraryFixture {
-protected:
+  protected:
     void SetUp() override {
         LibraryFixture::SetUp();
         storageMedium = STORAGE_HDD;
@@ -52,7 +52,7 @@ TEST_F(SettingsTest, FullFileRoundTripsByteForByte) {
     setScreensaver(16);
     setAirable(0);
     setWifiPassword("Home", "secret", 0);
-    setWifiPassword("Cafe", "latte", 1);  // a new entry never gets the WEP flag...
+    setWifiPassword("Cafe", "latte", 1);     // a new entry never gets the WEP flag...
     setWifiPassword("Cafe", "espresso", 1);  // ...a known one does
     setSelectedBluetoothMAC("AA:BB:CC:DD:EE:FF");
     setGuestModePlaylist(3);
@@ -73,9 +73,9 @@ TEST_F(SettingsTest, FullFileRoundTripsByteForByte) {
                         "Brightness\n15\nLRSwap\n1\n"),
               std::string::npos);
     EXPECT_NE(text.find("Bass\n-6\nTreble\n4\n"), std::string::npos);
-    EXPECT_TRUE(text.ends_with(
-        "Airable\n0\nWifi\nHome\nsecret\nWifi\nCafe WEP\nespresso\n"
-        "SelectedBluetoothMAC\nAA:BB:CC:DD:EE:FF\nGuestPlaylist\n4\n"))
+    EXPECT_TRUE(
+        text.ends_with("Airable\n0\nWifi\nHome\nsecret\nWifi\nCafe WEP\nespresso\n"
+                       "SelectedBluetoothMAC\nAA:BB:CC:DD:EE:FF\nGuestPlaylist\n4\n"))
         << text;
 
     resetSettings();
@@ -139,7 +139,8 @@ TEST_F(SettingsTest, ReadingIsForgivingAndCaseBlind) {
 
 TEST_F(SettingsTest, WifiStoreHoldsFiftyNetworks) {
     std::string file;
-    for (int i = 0; i < 1000; i++) file += "Wifi\nnet" + std::to_string(i) + "\npw\n";
+    for (int i = 0; i < 1000; i++)
+        file += "Wifi\nnet" + std::to_string(i) + "\npw\n";
     file += std::string(10000, 'k') + "\n" + "Volume\n30\n";
     writeFile(file);
     ASSERT_EQ(loadSettings(), 1);
