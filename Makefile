@@ -31,8 +31,9 @@ run: build
 
 # Figures go to the terminal; inputs are generated once under build/bench-data.
 bench: build
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
+	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
 
 # Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
 # starting from its corpus under fuzz/corpus/<name without _fuzz>.

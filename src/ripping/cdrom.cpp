@@ -16,7 +16,9 @@
 
 namespace {
 
-CdIo_t* handle(void* p) { return static_cast<CdIo_t*>(p); }
+CdIo_t* handle(void* p) {
+    return static_cast<CdIo_t*>(p);
+}
 
 bool endsWith(const std::string& s, const char* suffix) {
     size_t n = strlen(suffix);
@@ -33,7 +35,8 @@ CdHeader toc;
 
 int digitSum(int n) {
     int sum = 0;
-    for (; n > 0; n /= 10) sum += n % 10;
+    for (; n > 0; n /= 10)
+        sum += n % 10;
     return sum;
 }
 
@@ -42,8 +45,10 @@ int digitSum(int n) {
 uint32_t CdHeaderComputeCddbId(const CdHeader& h) {
     if (h.tracks.empty()) return 0;
     int sum = 0;
-    for (const CdTrack& t : h.tracks) sum += digitSum((t.startLsn + 150) / kSectorsPerSecond);
-    int total = (h.leadoutLsn + 150) / kSectorsPerSecond - (h.tracks[0].startLsn + 150) / kSectorsPerSecond;
+    for (const CdTrack& t : h.tracks)
+        sum += digitSum((t.startLsn + 150) / kSectorsPerSecond);
+    int total =
+        (h.leadoutLsn + 150) / kSectorsPerSecond - (h.tracks[0].startLsn + 150) / kSectorsPerSecond;
     return (static_cast<uint32_t>(sum % 0xff) << 24) | (static_cast<uint32_t>(total) << 8) |
            static_cast<uint32_t>(h.numTracks());
 }
@@ -58,7 +63,8 @@ std::string computeDiscId(const CdHeader& h) {
         offsets[h.firstTrack + i] = h.tracks[i].startLsn + 150;
     }
     std::string id;
-    if (last < 100 && discid_put(disc, h.firstTrack, last, offsets.data())) id = discid_get_id(disc);
+    if (last < 100 && discid_put(disc, h.firstTrack, last, offsets.data()))
+        id = discid_get_id(disc);
     discid_free(disc);
     return id;
 }
@@ -152,7 +158,9 @@ void readTOC() {
     toc = header;
 }
 
-const CdHeader& currentToc() { return toc; }
+const CdHeader& currentToc() {
+    return toc;
+}
 
 void ejectCD() {
     if (isHostMode()) {

@@ -34,7 +34,7 @@ uint32_t CdHeaderComputeCddbId(const CdHeader& header);
 std::string computeDiscId(const CdHeader& header);
 
 class CdDrive {
-public:
+  public:
     // Opens the configured drive or image; check ok().
     CdDrive();
     explicit CdDrive(const std::string& source);
@@ -52,7 +52,7 @@ public:
     // A real drive's answer to TEST UNIT READY: ready, no disc or not ready.
     int unitStatus();
 
-private:
+  private:
     void* cdio_ = nullptr;  // CdIo_t
     bool image_ = false;
 };

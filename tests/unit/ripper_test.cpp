@@ -2,7 +2,6 @@
 
 #include <discid/discid.h>
 #include <gtest/gtest.h>
-
 #include <sys/resource.h>
 
 #include <cmath>
@@ -32,7 +31,7 @@ std::string readAll(const std::string& path) {
 }
 
 class RipperTest : public LibraryFixture {
-protected:
+  protected:
     void SetUp() override {
         LibraryFixture::SetUp();
         setHostRoot(root);
@@ -53,7 +52,8 @@ protected:
         for (size_t i = 0; i < tracks.size(); i++) {
             char line[128];
             snprintf(line, sizeof line, "  TRACK %02zu %s\n    INDEX 01 %02d:%02d:%02d\n", i + 1,
-                     tracks[i].hz > 0 ? "AUDIO" : "MODE1/2352", lsn / 4500, lsn / 75 % 60, lsn % 75);
+                     tracks[i].hz > 0 ? "AUDIO" : "MODE1/2352", lsn / 4500, lsn / 75 % 60,
+                     lsn % 75);
             cue += line;
             for (int s = 0; s < tracks[i].sectors; s++) {
                 for (int frame = 0; frame < 588; frame++) {
@@ -118,7 +118,8 @@ TEST_F(RipperTest, RipsAnImageIntoAnAlbumWithNamesTocAndDiscId) {
         WavListInfoDestroy(info);
         // RIFF size: everything after the first eight bytes.
         uint32_t riff = static_cast<uint8_t>(wav[4]) | static_cast<uint8_t>(wav[5]) << 8 |
-                        static_cast<uint8_t>(wav[6]) << 16 | static_cast<uint32_t>(static_cast<uint8_t>(wav[7])) << 24;
+                        static_cast<uint8_t>(wav[6]) << 16 |
+                        static_cast<uint32_t>(static_cast<uint8_t>(wav[7])) << 24;
         EXPECT_EQ(riff, wav.size() - 8);
     }
     EXPECT_FALSE(isRipping());
@@ -129,11 +130,13 @@ TEST_F(RipperTest, RipsAnImageIntoAnAlbumWithNamesTocAndDiscId) {
     int offsets[4] = {676 + 150, 150, 225 + 150, 526 + 150};
     ASSERT_TRUE(discid_put(disc, 1, 3, offsets));
     std::string expected = std::string(discid_get_id(disc)) + "\n" + discid_get_freedb_id(disc);
-    for (char& c : expected) c = static_cast<char>(toupper(c));
+    for (char& c : expected)
+        c = static_cast<char>(toupper(c));
     std::string got = readAll(folder + "/discid");
     discid_free(disc);
     std::string gotUpper = got;
-    for (char& c : gotUpper) c = static_cast<char>(toupper(c));
+    for (char& c : gotUpper)
+        c = static_cast<char>(toupper(c));
     EXPECT_EQ(gotUpper, expected + "\n");
 
     // The album is in the library and in kzdb.
@@ -163,7 +166,8 @@ TEST_F(RipperTest, DataTracksAndMissingNames) {
 
 TEST_F(RipperTest, DamagedImagesAndStoppedRips) {
     // A .cue naming a missing .bin, and no image at all.
-    std::ofstream(root + "/bad.cue") << "FILE \"gone.bin\" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n";
+    std::ofstream(root + "/bad.cue")
+        << "FILE \"gone.bin\" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n";
     setHostCdrom(root + "/bad.cue");
     EXPECT_EQ(testUnitReady(), CD_BAD_DISC);
     setHostCdrom(root + "/nothing.cue");
@@ -202,9 +206,11 @@ TEST_F(RipperTest, DamagedImagesAndStoppedRips) {
     // Stopping in the third minute deletes the track.
     makeImage({{75 * 150, 440}});
     ASSERT_EQ(startRip(), 1);
-    while (isRipping() && getCDProgress().done < 75 * 125) std::this_thread::yield();
+    while (isRipping() && getCDProgress().done < 75 * 125)
+        std::this_thread::yield();
     uiStopRip();
-    while (isRipping()) std::this_thread::yield();
+    while (isRipping())
+        std::this_thread::yield();
     EXPECT_FALSE(fs::exists(root + "/music/Unknown/Album 2/01 track1.wav"));
     EXPECT_EQ(getTrackCount(), 1);
 }
