@@ -39,7 +39,8 @@ int main(int argc, char** argv) {
                      lsn / 4500, lsn / 75 % 60, lsn % 75);
             cue += line;
             for (int s = 0; s < sectors; s++) {
-                for (size_t i = 0; i < sector.size(); i++) sector[i] = static_cast<char>(i * (s + t));
+                for (size_t i = 0; i < sector.size(); i++)
+                    sector[i] = static_cast<char>(i * (s + t));
                 bin.write(sector.data(), sector.size());
             }
         }
@@ -57,16 +58,20 @@ int main(int argc, char** argv) {
         auto t0 = std::chrono::steady_clock::now();
         ripEnabled = 1;
         rip();
-        bestRip = std::min(bestRip, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+        bestRip = std::min(
+            bestRip, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
 
         t0 = std::chrono::steady_clock::now();
         std::string cmd = "cp '" + work + "/disc.bin' '" + work + "/copy.bin' && sync";
         if (system(cmd.c_str()) != 0) return 1;
-        bestCp = std::min(bestCp, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+        bestCp = std::min(
+            bestCp, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
         fs::remove(work + "/copy.bin");
     }
-    fprintf(stderr, "rip: %.1f MB in %.2f s = %.0f MB/s; cp+sync %.2f s = %.0f MB/s; rip/cp %.2f "
-            "(target at least 0.5)\n", mb, bestRip, mb / bestRip, bestCp, mb / bestCp, bestCp / bestRip);
+    fprintf(stderr,
+            "rip: %.1f MB in %.2f s = %.0f MB/s; cp+sync %.2f s = %.0f MB/s; rip/cp %.2f "
+            "(target at least 0.5)\n",
+            mb, bestRip, mb / bestRip, bestCp, mb / bestCp, bestCp / bestRip);
     fs::remove_all(work);
     return 0;
 }

@@ -3,6 +3,10 @@
 #pragma once
 
 void initPipe();
+#include <cstdint>
+
+// The output callback: one period of 16-bit stereo frames.
+void getSamples(int16_t* dest, int frames);
 void initPlay();
 void stopPlay();
 bool isPlaying();

@@ -1,0 +1,37 @@
+// Volume and bass/treble for 16-bit stereo at 44100 Hz: two shelving filters
+// per channel and a gain, applied in place to each output period.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+class ToneControl {
+public:
+    static constexpr double kStepDb = 1.5;
+    static constexpr int kMaxVolume = 64;
+
+    ToneControl();
+    // Bass and treble in steps of 1.5 dB, -6 to 6.
+    void setBassTreble(int bass, int treble);
+    // 0 (silent) to 64 (full level); each step below 64 takes 0.75 dB off.
+    void setVolume(int volume);
+    int volume() const { return volume_; }
+    // Filters and scales frames of interleaved stereo in place.
+    void process(int16_t* samples, int frames);
+    // True when process() would leave every sample as it is.
+    bool isFlat() const;
+
+private:
+    struct Biquad {
+        double b0 = 1, b1 = 0, b2 = 0, a1 = 0, a2 = 0;
+        double z1[2] = {0, 0}, z2[2] = {0, 0};
+        double run(double x, int ch);
+    };
+    static Biquad shelf(bool low, double freq, double gainDb);
+
+    mutable std::mutex mutex_;
+    Biquad bass_, treble_;
+    int bassSteps_ = 0, trebleSteps_ = 0;
+    int volume_ = kMaxVolume;
+    double gain_ = 1.0;
+};
