@@ -8,7 +8,9 @@ constexpr double kBassHz = 250.0;
 constexpr double kTrebleHz = 4000.0;
 }  // namespace
 
-ToneControl::ToneControl() { setBassTreble(0, 0); }
+ToneControl::ToneControl() {
+    setBassTreble(0, 0);
+}
 
 double ToneControl::Biquad::run(double x, int ch) {
     // Transposed direct form II: two state values per channel.

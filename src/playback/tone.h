@@ -6,7 +6,7 @@
 #include <mutex>
 
 class ToneControl {
-public:
+  public:
     static constexpr double kStepDb = 1.5;
     static constexpr int kMaxVolume = 64;
 
@@ -21,7 +21,7 @@ public:
     // True when process() would leave every sample as it is.
     bool isFlat() const;
 
-private:
+  private:
     struct Biquad {
         double b0 = 1, b1 = 0, b2 = 0, a1 = 0, a2 = 0;
         double z1[2] = {0, 0}, z2[2] = {0, 0};

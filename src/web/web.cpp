@@ -1,5 +1,234 @@
 #include "web/web.h"
 
-void initWeb() {}
-void closeWeb() {}
-void webClientsRefresh() {}
+#include <sys/socket.h>
+#include <sys/statvfs.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "core/events.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "library/library.h"
+#include "library/names.h"
+#include "playback/playback.h"
+#include "web/params.h"
+#include "web/upload.h"
+
+std::atomic<int> getWebSamplesEnabled{0};
+std::atomic<int> getWebSamplesRunning{0};
+
+namespace {
+
+std::atomic<int> fwthreadEnabled{0};
+std::atomic<int> listenFd{-1};
+std::atomic<int> forceWebRefresh{1};
+std::mutex queueMutex;
+std::mutex alertMutex;
+std::string webAlertMessage;
+
+// Everything a request needs, allocated once.
+struct WebState {
+    uint8_t fastDataBuffer[kFcgiBufferSize];
+    char jsonReply[kFcgiBufferSize];
+    FcgiParams params;
+    StdinParser stdinParser;
+};
+std::unique_ptr<WebState> web;
+
+long freeKilobytes() {
+    struct statvfs vfs;
+    if (statvfs(getLocalPath().c_str(), &vfs) != 0) return 0;
+    return static_cast<long>(static_cast<unsigned long long>(vfs.f_bavail) * vfs.f_frsize / 1024);
+}
+
+void webGetWebDebug(FcgiReply* reply) {
+    char* out = web->jsonReply;
+    size_t used = 0;
+    char line[WebDebugRing::kLineMax + 1];
+    // Stops short of the reply's limit; what is left stays for the next call.
+    while (used < 59999 - sizeof line && webDebugRing().length() > 0) {
+        int n = getWebDebugLine(line);
+        memcpy(out + used, line, static_cast<size_t>(n));
+        used += static_cast<size_t>(n);
+        out[used++] = '\n';
+    }
+    out[used] = 0;
+    reply->text = out;
+}
+
+void webUpload(const char* uri, FcgiReply* reply) {
+    const char* value = findParameter(uri, "&artist=");
+    if (!value) {
+        reply->text = "\"NG\"";
+        return;
+    }
+    std::string artist = cleanPathName(stripPercentagesFromLine(value));
+    if (isPlaying()) {
+        kzLog("stopPlay in webUpload to prevent breakup\n");
+        stopPlay();
+    }
+    web->stdinParser.armUpload(artist);
+    snprintf(web->jsonReply, sizeof web->jsonReply, "%ld", freeKilobytes());
+    reply->text = web->jsonReply;
+}
+
+void webCheckUpload(FcgiReply* reply) {
+    if (web->stdinParser.uploadFailed) {
+        kzLog("webCheckUpload () reporting false\n");
+        web->stdinParser.uploadFailed = false;
+        reply->text = "false";
+    } else {
+        reply->text = "true";
+    }
+}
+
+void listener() {
+    kzLog("testWebThread () started\n");
+    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (s < 0) {
+        kzLog("Could not create socket");
+        return;
+    }
+    std::string path = webSocketPath();
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    unlink(path.c_str());
+    if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        kzLog("testWebThread bind failed %d %s\n", errno, strerror(errno));
+        close(s);
+        return;
+    }
+    kzLog("fastUnixSocket bind done\n");
+    if (listen(s, 5) != 0) {
+        kzLog("listen failed in testWebThread()\n");
+        close(s);
+        return;
+    }
+    listenFd = s;
+    kzLog("Waiting for incoming connections on socket\n");
+    while (fwthreadEnabled) {
+        int c = accept4(s, nullptr, nullptr, SOCK_CLOEXEC);
+        if (c == 0) break;
+        if (c < 0) {
+            if (!fwthreadEnabled) break;
+            continue;
+        }
+        // A client that stops sending must not hold the only listener.
+        timeval timeout = {30, 0};
+        setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        fastConnectionHandler(c);
+        close(c);
+    }
+}
+
+}  // namespace
+
+std::string webSocketPath() {
+    return hostPath("/var/run/fastCgiUnixSocket");
+}
+
+void initWeb() {
+    if (web) return;
+    web = std::make_unique<WebState>();
+    fwthreadEnabled = 1;
+    try {
+        std::thread(listener).detach();
+    } catch (const std::system_error&) {
+        kzLog("initWeb failed to create fastWebThread\n");
+        web.reset();
+        fwthreadEnabled = 0;
+    }
+}
+
+void closeWeb() {
+    fwthreadEnabled = 0;
+    kzLog("Closing web sockets\n");
+    int s = listenFd.exchange(-1);
+    if (s >= 0) {
+        shutdown(s, SHUT_RDWR);
+        close(s);
+    }
+    kzLog("closeWeb () done\n");
+}
+
+void fastConnectionHandler(int fd) {
+    WebState& w = *web;
+    w.params = FcgiParams();
+    FcgiReply reply;
+    bool deferred = false;
+    std::string deferredText;
+    int length = 0;
+    while (fwthreadEnabled) {
+        int type = getFcgiRecord(fd, w.fastDataBuffer, &length);
+        if (type == 0) break;
+        if (type == FCGI_PARAMS && length > 0) {
+            parseFcgiParams(w.fastDataBuffer, length, &w.params);
+        } else if (type == FCGI_PARAMS) {
+            reply = FcgiReply();
+            webDispatch(w.params.requestUri, &reply);
+            if (w.params.contentLength > 0) {
+                // The web server stops forwarding a body once the reply has
+                // ended: answer only after the whole body has come.
+                deferred = true;
+                deferredText = reply.blob ? std::string(reply.text, reply.blobLength) : reply.text;
+            } else {
+                fcgiReply2(fd, reply);
+            }
+        } else if (type == FCGI_STDIN) {
+            w.stdinParser.process(w.fastDataBuffer, length);
+            if (length == 0 && deferred) {
+                deferred = false;
+                reply.text = deferredText.c_str();
+                fcgiReply2(fd, reply);
+            }
+        }
+    }
+    w.stdinParser.connectionEnded();
+}
+
+void webDispatch(const char* uri, FcgiReply* reply) {
+    reply->text = "thanks\n";
+    reply->blob = reply->file = false;
+    if (strstr(uri, "getWebDebug")) {
+        webGetWebDebug(reply);
+    } else if (strstr(uri, "upload")) {
+        webUpload(uri, reply);
+    } else if (strstr(uri, "checkUpload")) {
+        webCheckUpload(reply);
+    }
+}
+
+void wakeAndAddEvent(int code) {
+    addEvent(80);
+    addEvent(code);
+}
+
+void webAlert(const char* text) {
+    std::lock_guard<std::mutex> g(alertMutex);
+    webAlertMessage = text;
+}
+
+std::string getWebAlert() {
+    std::lock_guard<std::mutex> g(alertMutex);
+    return webAlertMessage;
+}
+
+void lockQueue() {
+    queueMutex.lock();
+}
+void unlockQueue() {
+    queueMutex.unlock();
+}
+void webClientsRefresh() {
+    forceWebRefresh = 1;
+}
+bool webRefreshRequested() {
+    return forceWebRefresh.exchange(0) != 0;
+}

@@ -1,7 +1,34 @@
-// The web listener (FastCGI on a Unix socket). Not built yet: nothing listens.
+// The web listener: one thread that serves the local web server's FastCGI
+// connections, one at a time, on a Unix socket, and runs each request's
+// command. Until the command set is built, it knows the commands that move
+// data in and out (debug log, uploads, browser audio); every other request is
+// answered "thanks\n".
 #pragma once
+
+#include <atomic>
+#include <string>
+
+#include "web/fastcgi.h"
 
 void initWeb();
 void closeWeb();
-// Tells the web pages to reload their lists (nothing listens yet).
+// The listener's socket path ("/var/run/fastCgiUnixSocket" under the root).
+std::string webSocketPath();
+// Serves one connection to its end.
+void fastConnectionHandler(int fd);
+// Runs the command a request URI names; fills reply.
+void webDispatch(const char* uri, FcgiReply* reply);
+
+// Wakes the display (event 80), then posts code.
+void wakeAndAddEvent(int code);
+void webAlert(const char* text);
+std::string getWebAlert();
+void lockQueue();
+void unlockQueue();
+// Tells the web pages to reload their lists.
 void webClientsRefresh();
+bool webRefreshRequested();
+
+// Browser audio: the web buffer and its state.
+extern std::atomic<int> getWebSamplesEnabled;
+extern std::atomic<int> getWebSamplesRunning;

@@ -16,10 +16,12 @@ double levelAfter(ToneControl& tone, double hz) {
         buf[2 * i] = buf[2 * i + 1] = v;
     }
     double in = 8000 / std::sqrt(2.0);
-    for (int off = 0; off < frames; off += 1024) tone.process(&buf[off * 2], std::min(1024, frames - off));
+    for (int off = 0; off < frames; off += 1024)
+        tone.process(&buf[off * 2], std::min(1024, frames - off));
     double sum = 0;
     int n = 0;
-    for (int i = frames / 2; i < frames; i++, n++) sum += double(buf[2 * i]) * buf[2 * i];
+    for (int i = frames / 2; i < frames; i++, n++)
+        sum += double(buf[2 * i]) * buf[2 * i];
     return 20 * std::log10(std::sqrt(sum / n) / in);
 }
 

@@ -1,0 +1,243 @@
+#include "web/upload.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "core/log.h"
+#include "library/database.h"
+#include "library/library.h"
+#include "library/names.h"
+#include "library/scan.h"
+
+namespace {
+constexpr size_t kMaxLine = 4096;
+constexpr size_t kMaxBoundary = 200;
+constexpr size_t kWriteBlock = 65536;
+
+// The quoted text after key in line, or empty.
+std::string quotedAfter(const std::string& line, const char* key) {
+    size_t at = line.find(key);
+    if (at == std::string::npos) return "";
+    at += strlen(key);
+    if (at >= line.size() || line[at] != '"') return "";
+    size_t end = line.find('"', at + 1);
+    if (end == std::string::npos) return "";
+    return line.substr(at + 1, end - at - 1);
+}
+}  // namespace
+
+void addUploadedFileToDB(const std::string& artist, const std::string& album,
+                         const std::string& file) {
+    std::string path = getMusicDirectory() + "/" + artist + "/" + album + "/" + file;
+    kzLog("addUploadFileToDB path=%s\n", path.c_str());
+    if (!allowedMusicTrack(file.c_str())) return;
+    int r = addArtistToDb(artist.c_str());
+    int a = addAlbumToDb(album.c_str(), r);
+    addTrackToDb(file.c_str(), a);
+    useKbFromPath(path);
+}
+
+StdinParser::StdinParser() = default;
+
+StdinParser::~StdinParser() { connectionEnded(); }
+
+void StdinParser::armUpload(const std::string& artist) {
+    connectionEnded();
+    artist_ = artist;
+    boundary_ = "\r\n";
+    match_ = 0;
+    line_.clear();
+    state_ = 1;
+}
+
+void StdinParser::armAudio() {
+    state_ = 7;
+    headerHave_ = 0;
+    partialHave_ = 0;
+}
+
+void StdinParser::connectionEnded() {
+    if (file_) {
+        flushFile();
+        fclose(file_);
+        file_ = nullptr;
+    }
+    completion = nullptr;
+}
+
+void StdinParser::process(const uint8_t* data, int len) {
+    if (len == 0) {
+        state_ = 0;
+        return;
+    }
+    if (state_ == 0) return;
+    if (state_ == 7) {
+        int take = std::min(len, 44 - headerHave_);
+        memcpy(wavHeader_ + headerHave_, data, static_cast<size_t>(take));
+        headerHave_ += take;
+        data += take;
+        len -= take;
+        if (headerHave_ < 44) return;
+        const uint8_t* h = wavHeader_;
+        channels = h[22] | h[23] << 8;
+        sampleRate = h[24] | h[25] << 8 | h[26] << 16;
+        partialHave_ = 0;
+        state_ = 8;
+    }
+    if (state_ == 8) {
+        audioBytes(data, len);
+        return;
+    }
+    for (int i = 0; i < len; i++) byte(data[i]);
+    flushFile();
+}
+
+void StdinParser::audioBytes(const uint8_t* p, int len) {
+    if (!audio.enabled || !audio.enabled() || !audio.put) return;
+    if (partialHave_ > 0) {
+        int take = std::min(len, 4 - partialHave_);
+        memcpy(partial_ + partialHave_, p, static_cast<size_t>(take));
+        partialHave_ += take;
+        p += take;
+        len -= take;
+        if (partialHave_ < 4) return;
+        audio.put(partial_, 1);
+        partialHave_ = 0;
+    }
+    int frames = len / 4;
+    if (frames > 0) audio.put(p, frames);
+    partialHave_ = len % 4;
+    memcpy(partial_, p + frames * 4, static_cast<size_t>(partialHave_));
+    int threshold = std::min(44 * latencyMs, audio.capacity * 9 / 10);
+    if (audio.held && audio.held() >= threshold) audioRunning = true;
+}
+
+void StdinParser::byte(uint8_t c) {
+    switch (state_) {
+        case 1:
+            if (c == '\n') {
+                if (boundary_.size() > 2 && boundary_.back() == '\r') boundary_.pop_back();
+                state_ = 2;
+            } else if (boundary_.size() < kMaxBoundary) {
+                boundary_ += static_cast<char>(c);
+            }
+            return;
+        case 2:
+        case 3:
+        case 4:
+        case 6:
+            if (c != '\n') {
+                if (line_.size() < kMaxLine) line_ += static_cast<char>(c);
+                return;
+            }
+            if (state_ == 2) {
+                headerLine();
+            } else if (state_ == 3) {
+                state_ = line_.size() < 3 ? 5 : 4;
+                fileLength_ = 0;
+                match_ = 0;
+            } else if (state_ == 4) {
+                state_ = 5;
+                fileLength_ = 0;
+                match_ = 0;
+            } else {
+                state_ = 2;
+                if (!artist_.empty()) postWriteDB();
+            }
+            line_.clear();
+            return;
+        case 5: {
+            if (c == static_cast<uint8_t>(boundary_[match_])) {
+                if (++match_ == boundary_.size()) finishFile();
+                return;
+            }
+            // The bytes that looked like the boundary were file data.
+            writeFile(reinterpret_cast<const uint8_t*>(boundary_.data()), match_);
+            match_ = 0;
+            if (c == static_cast<uint8_t>(boundary_[0])) {
+                match_ = 1;
+            } else {
+                writeFile(&c, 1);
+            }
+            return;
+        }
+        default:
+            return;
+    }
+}
+
+void StdinParser::headerLine() {
+    std::string album = quotedAfter(line_, " name=");
+    std::string file = quotedAfter(line_, "filename=");
+    if (album.empty() && file.empty()) return;
+    // Names from a browser are only names: they cannot leave their folder.
+    album_ = cleanPathName(album.empty() ? "Upload" : album);
+    fileName_ = cleanPathName(file.empty() ? "upload" : file);
+    std::string folder;
+    if (!artist_.empty()) {
+        std::string artistFolder = getMusicDirectory() + "/" + artist_;
+        folder = artistFolder + "/" + album_;
+        if ((mkdir(artistFolder.c_str(), 0777) != 0 && errno != EEXIST) ||
+            (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST)) {
+            kzLog("Cannot make %s\n", folder.c_str());
+            state_ = 3;
+            return;
+        }
+        std::string stem = nameWithoutExtension(fileName_.c_str());
+        for (const char* ext : {".wav", ".flac", ".mp3", ".m4a"}) {
+            unlink((folder + "/" + stem + ext).c_str());
+        }
+    } else {
+        folder = getLocalPath() + "/upload";
+        if (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+            kzLog("Cannot make %s\n", folder.c_str());
+            state_ = 3;
+            return;
+        }
+        unlink((folder + "/" + fileName_).c_str());
+    }
+    path_ = folder + "/" + fileName_;
+    if (file_) fclose(file_);
+    file_ = fopen(path_.c_str(), "wb");
+    if (!file_) kzLog("Cannot open %s\n", path_.c_str());
+    state_ = 3;
+}
+
+void StdinParser::writeFile(const uint8_t* p, size_t n) {
+    fileLength_ += static_cast<long>(n);
+    pending_.append(reinterpret_cast<const char*>(p), n);
+    if (pending_.size() >= kWriteBlock) flushFile();
+}
+
+void StdinParser::flushFile() {
+    if (pending_.empty()) return;
+    if (file_) {
+        size_t n = fwrite(pending_.data(), 1, pending_.size(), file_);
+        if (n != pending_.size()) {
+            kzLog("Upload Failed FILEDATA %d != %d\n", static_cast<int>(n),
+                  static_cast<int>(pending_.size()));
+            uploadFailed = true;
+        }
+    }
+    pending_.clear();
+}
+
+void StdinParser::finishFile() {
+    kzLog("End of file - length = %d\n", static_cast<int>(fileLength_));
+    flushFile();
+    bool ok = file_ != nullptr && fclose(file_) == 0;
+    file_ = nullptr;
+    if (!ok) uploadFailed = true;
+    match_ = 0;
+    state_ = 6;
+    if (!ok) return;
+    if (completion) {
+        completion(path_);
+    } else if (artist_.empty()) {
+        kzLog("Added %s to Database\n", path_.c_str());
+    } else {
+        addUploadedFileToDB(artist_, album_, fileName_);
+    }
+}

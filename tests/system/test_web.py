@@ -1,0 +1,132 @@
+import os
+import signal
+import socket
+import subprocess
+import time
+import urllib.request
+
+import pytest
+
+import fcgi
+
+TOP = os.path.join(os.path.dirname(__file__), "..", "..")
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+@pytest.fixture
+def web(daemon, tmp_path):
+    """kz with lighttpd in front, in a fresh root; yields (daemon, root, base URL)."""
+    root = tmp_path / "root"
+    (root / "media" / "hdd1" / "music").mkdir(parents=True)
+    port = free_port()
+    subprocess.run([os.path.join(TOP, "scripts", "install-web"), str(root),
+                    os.path.join(TOP, "www"), "127.0.0.1", str(port)], check=True)
+    d = daemon(root)
+    d.wait_for("loadOrScan () finished")
+    d.wait_for("Waiting for incoming connections on socket")
+    base = f"http://127.0.0.1:{port}"
+    deadline = time.monotonic() + 10
+    while True:
+        try:
+            urllib.request.urlopen(base + "/", timeout=2).read()
+            break
+        except OSError:
+            assert time.monotonic() < deadline, "lighttpd did not come up"
+            time.sleep(0.1)
+    yield d, root, base
+    pid_file = root / "var" / "run" / "lighttpd.pid"
+    if pid_file.exists():
+        try:
+            os.kill(int(pid_file.read_text()), signal.SIGTERM)
+        except (ProcessLookupError, ValueError):
+            pass
+
+
+def curl(*args):
+    return subprocess.run(["curl", "-sS", "--max-time", "60", *args], check=True,
+                          capture_output=True).stdout
+
+
+def test_pages_and_commands_through_lighttpd(web):
+    d, root, base = web
+    assert b"kz" in curl(base + "/")
+    log = curl(base + "/api/getWebDebug").decode()
+    assert "initDisks ()" in log and "Starting Main Loop at " in log
+    assert curl(base + "/api/nothingKnown") == b"thanks\n"
+    assert curl(base + "/api/upload") == b'"NG"'
+    assert curl(base + "/api/checkUpload") == b"true"
+
+
+def test_uploads_land_in_the_library_whole(web, tmp_path):
+    d, root, base = web
+    one = os.urandom(300000)
+    # The body holds bytes that look like the start of the boundary.
+    two = b"\r\n--" + os.urandom(5000) + b"\r\n-"
+    (tmp_path / "01 One.mp3").write_bytes(one)
+    (tmp_path / "02 Two.flac").write_bytes(two)
+    reply = curl("-F", f"Album Name=@{tmp_path / '01 One.mp3'}",
+                 "-F", f"Album Name=@{tmp_path / '02 Two.flac'}",
+                 base + "/api/upload&artist=Nina%20Simone")
+    assert int(reply) > 0
+    album = root / "media" / "hdd1" / "music" / "Nina Simone" / "Album Name"
+    assert (album / "01 One.mp3").read_bytes() == one
+    assert (album / "02 Two.flac").read_bytes() == two
+    d.wait_for("addUploadFileToDB path=")
+    d.wait_for("Posted writeDB complete")
+    kzdb = (root / "media" / "hdd1" / "kzdb").read_text()
+    assert "Nina Simone/Album Name\n2 tracks\n01 One.mp3\n02 Two.flac\n" in kzdb
+
+    # A 50 MB upload arrives whole although the reply is ready at once.
+    big = tmp_path / "03 Big.wav"
+    with open(big, "wb") as f:
+        f.write(os.urandom(1 << 20) * 50)
+    curl("-F", f"Big=@{big}", base + "/api/upload&artist=Nina%20Simone")
+    got = root / "media" / "hdd1" / "music" / "Nina Simone" / "Big" / "03 Big.wav"
+    assert got.stat().st_size == big.stat().st_size
+    assert got.read_bytes() == big.read_bytes()
+
+    # A hostile file name stays inside its album.
+    (tmp_path / "x.mp3").write_bytes(b"x")
+    curl("-F", f"Evil=@{tmp_path / 'x.mp3'};filename=../../../escape.mp3",
+         base + "/api/upload&artist=..%2F..")
+    landed = [p.relative_to(root) for p in root.rglob("*escape.mp3")]
+    assert landed == [root.relative_to(root) / "media/hdd1/music/_._../Evil/_._.._.._escape.mp3"]
+
+
+def test_raw_records_and_bad_clients(web):
+    d, root, base = web
+    sock_path = root / "var" / "run" / "fastCgiUnixSocket"
+
+    recs = fcgi.call(sock_path, fcgi.request("/api/checkUpload"))
+    # Header bytes end in CR LF LF; then the empty STDOUT and END_REQUEST.
+    assert recs[0][2] == b"Content-Type:text/html;charset=UTF-8\r\n\ntrue"
+    assert recs[1] == (6, 1, b"")
+    assert recs[2] == (3, 1, b"\0" * 8)
+
+    # Request id 2 is answered as 1; a 2,000-byte parameter first.
+    long_param = [(b"HTTP_X_LONG", b"v" * 2000)]
+    recs = fcgi.call(sock_path, fcgi.request("/api/checkUpload", request_id=2, extra_params=long_param))
+    assert all(rid == 1 for _, rid, _ in recs)
+    assert fcgi.stdout_of(recs).endswith(b"true")
+    d.wait_for("*************** getFcgiRecord id=2")
+
+    # Broken clients: a short header, a body that never comes, PARAMS without
+    # end, junk. Each ends its connection; the next request is served.
+    for junk in (b"\1\4\0", fcgi.record(4, b"")[:8] + b"\1\4\0\1\1\0\0\0abc",
+                 fcgi.record(4, fcgi.pair(b"REQUEST_URI", b"/api/x")), os.urandom(3000)):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.connect(str(sock_path))
+        s.sendall(junk)
+        s.close()
+    for _ in range(200):
+        recs = fcgi.call(sock_path, fcgi.request("/api/whatever"))
+        assert fcgi.stdout_of(recs).endswith(b"thanks\n")
+    fds = len(os.listdir(f"/proc/{d.proc.pid}/fd"))
+    for _ in range(200):
+        fcgi.call(sock_path, fcgi.request("/api/whatever"))
+    assert len(os.listdir(f"/proc/{d.proc.pid}/fd")) <= fds
