@@ -34,6 +34,7 @@ bench: build
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
+	@/usr/bin/python3 bench/web_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 
 # Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
 # starting from its corpus under fuzz/corpus/<name without _fuzz>.
