@@ -16,9 +16,13 @@ uint32_t readInt(const uint8_t* p) {
            static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
-uint16_t readShort(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
+uint16_t readShort(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] | p[1] << 8);
+}
 
-void appendId(std::string& out, const char* id) { out.append(id, 4); }
+void appendId(std::string& out, const char* id) {
+    out.append(id, 4);
+}
 
 void appendInt(std::string& out, uint32_t v) {
     uint8_t b[4];
@@ -52,30 +56,63 @@ int listFieldOf(const uint8_t* id) {
     return -1;
 }
 
-const char* orNull(const char* text) { return text ? text : "NULL"; }
+const char* orNull(const char* text) {
+    return text ? text : "NULL";
+}
 
 }  // namespace
 
-WavFmt* WavFmtCreate() { return new WavFmt(); }
-void WavFmtDestroy(WavFmt* fmt) { delete fmt; }
-void WavFmtSetAudioFormat(WavFmt* fmt, uint16_t v) { fmt->audioFormat = v; }
-void WavFmtSetNumChannels(WavFmt* fmt, uint16_t v) { fmt->numChannels = v; }
-void WavFmtSetSampleRate(WavFmt* fmt, uint32_t v) { fmt->sampleRate = v; }
-void WavFmtSetByteRate(WavFmt* fmt, uint32_t v) { fmt->byteRate = v; }
-void WavFmtSetBlockAlign(WavFmt* fmt, uint16_t v) { fmt->blockAlign = v; }
-void WavFmtSetBps(WavFmt* fmt, uint16_t v) { fmt->bps = v; }
-uint16_t WavFmtGetAudioFormat(const WavFmt* fmt) { return fmt->audioFormat; }
-uint16_t WavFmtGetNumChannels(const WavFmt* fmt) { return fmt->numChannels; }
-uint32_t WavFmtGetSampleRate(const WavFmt* fmt) { return fmt->sampleRate; }
-uint32_t WavFmtGetByteRate(const WavFmt* fmt) { return fmt->byteRate; }
-uint16_t WavFmtGetBlockAlign(const WavFmt* fmt) { return fmt->blockAlign; }
-uint16_t WavFmtGetBps(const WavFmt* fmt) { return fmt->bps; }
+WavFmt* WavFmtCreate() {
+    return new WavFmt();
+}
+void WavFmtDestroy(WavFmt* fmt) {
+    delete fmt;
+}
+void WavFmtSetAudioFormat(WavFmt* fmt, uint16_t v) {
+    fmt->audioFormat = v;
+}
+void WavFmtSetNumChannels(WavFmt* fmt, uint16_t v) {
+    fmt->numChannels = v;
+}
+void WavFmtSetSampleRate(WavFmt* fmt, uint32_t v) {
+    fmt->sampleRate = v;
+}
+void WavFmtSetByteRate(WavFmt* fmt, uint32_t v) {
+    fmt->byteRate = v;
+}
+void WavFmtSetBlockAlign(WavFmt* fmt, uint16_t v) {
+    fmt->blockAlign = v;
+}
+void WavFmtSetBps(WavFmt* fmt, uint16_t v) {
+    fmt->bps = v;
+}
+uint16_t WavFmtGetAudioFormat(const WavFmt* fmt) {
+    return fmt->audioFormat;
+}
+uint16_t WavFmtGetNumChannels(const WavFmt* fmt) {
+    return fmt->numChannels;
+}
+uint32_t WavFmtGetSampleRate(const WavFmt* fmt) {
+    return fmt->sampleRate;
+}
+uint32_t WavFmtGetByteRate(const WavFmt* fmt) {
+    return fmt->byteRate;
+}
+uint16_t WavFmtGetBlockAlign(const WavFmt* fmt) {
+    return fmt->blockAlign;
+}
+uint16_t WavFmtGetBps(const WavFmt* fmt) {
+    return fmt->bps;
+}
 
-WavListInfo* WavListInfoCreate() { return new WavListInfo(); }
+WavListInfo* WavListInfoCreate() {
+    return new WavListInfo();
+}
 
 void WavListInfoDestroy(WavListInfo* info) {
     if (!info) return;
-    for (char* text : info->text) free(text);
+    for (char* text : info->text)
+        free(text);
     delete info;
 }
 
@@ -110,18 +147,36 @@ void WavListInfoSetTOC(WavListInfo* info, const char* text, size_t length) {
     setText(info, WAV_TOC, text, length);
 }
 
-const char* WavListInfoGetArtistName(const WavListInfo* info) { return info->text[WAV_ARTIST]; }
-const char* WavListInfoGetTrackName(const WavListInfo* info) { return info->text[WAV_TRACK]; }
-const char* WavListInfoGetAlbumName(const WavListInfo* info) { return info->text[WAV_ALBUM]; }
-const char* WavListInfoGetTrackNum(const WavListInfo* info) { return info->text[WAV_TRACK_NUM]; }
-const char* WavListInfoGetYear(const WavListInfo* info) { return info->text[WAV_YEAR]; }
-const char* WavListInfoGetGenre(const WavListInfo* info) { return info->text[WAV_GENRE]; }
-const char* WavListInfoGetComments(const WavListInfo* info) { return info->text[WAV_COMMENTS]; }
+const char* WavListInfoGetArtistName(const WavListInfo* info) {
+    return info->text[WAV_ARTIST];
+}
+const char* WavListInfoGetTrackName(const WavListInfo* info) {
+    return info->text[WAV_TRACK];
+}
+const char* WavListInfoGetAlbumName(const WavListInfo* info) {
+    return info->text[WAV_ALBUM];
+}
+const char* WavListInfoGetTrackNum(const WavListInfo* info) {
+    return info->text[WAV_TRACK_NUM];
+}
+const char* WavListInfoGetYear(const WavListInfo* info) {
+    return info->text[WAV_YEAR];
+}
+const char* WavListInfoGetGenre(const WavListInfo* info) {
+    return info->text[WAV_GENRE];
+}
+const char* WavListInfoGetComments(const WavListInfo* info) {
+    return info->text[WAV_COMMENTS];
+}
 const char* WavListInfoGetCopyright(const WavListInfo* info) {
     return info->text[WAV_COPYRIGHT];
 }
-const char* WavListInfoGetSoftware(const WavListInfo* info) { return info->text[WAV_SOFTWARE]; }
-const char* WavListInfoGetTOC(const WavListInfo* info) { return info->text[WAV_TOC]; }
+const char* WavListInfoGetSoftware(const WavListInfo* info) {
+    return info->text[WAV_SOFTWARE];
+}
+const char* WavListInfoGetTOC(const WavListInfo* info) {
+    return info->text[WAV_TOC];
+}
 
 void WavWriteIntIntoBuf(uint8_t* buf, uint32_t v) {
     buf[0] = static_cast<uint8_t>(v);
@@ -214,29 +269,57 @@ int WavUpdateWavHeaderFileSize(uint32_t size, FILE* f) {
     return WavWriteIntIntoFile(size, f);
 }
 
-bool WavChunkMatch(const uint8_t* p, const char* id) { return memcmp(p, id, 4) == 0; }
-bool IsRiffFile(const uint8_t* p) { return WavChunkMatch(p, "RIFF"); }
-bool IsWavFile(const uint8_t* p) { return WavChunkMatch(p, "WAVE"); }
-bool IsWavFmtChunk(const uint8_t* p) { return WavChunkMatch(p, "fmt "); }
-bool IsWavDataChunk(const uint8_t* p) { return WavChunkMatch(p, "data"); }
-bool IsWavListChunk(const uint8_t* p) { return WavChunkMatch(p, "LIST"); }
-bool IsWavListInfo(const uint8_t* p) { return WavChunkMatch(p, "INFO"); }
-bool IsWavListInfoArt(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_ARTIST]); }
-bool IsWavListInfoTrackName(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_TRACK]); }
-bool IsWavListInfoAlbumName(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_ALBUM]); }
+bool WavChunkMatch(const uint8_t* p, const char* id) {
+    return memcmp(p, id, 4) == 0;
+}
+bool IsRiffFile(const uint8_t* p) {
+    return WavChunkMatch(p, "RIFF");
+}
+bool IsWavFile(const uint8_t* p) {
+    return WavChunkMatch(p, "WAVE");
+}
+bool IsWavFmtChunk(const uint8_t* p) {
+    return WavChunkMatch(p, "fmt ");
+}
+bool IsWavDataChunk(const uint8_t* p) {
+    return WavChunkMatch(p, "data");
+}
+bool IsWavListChunk(const uint8_t* p) {
+    return WavChunkMatch(p, "LIST");
+}
+bool IsWavListInfo(const uint8_t* p) {
+    return WavChunkMatch(p, "INFO");
+}
+bool IsWavListInfoArt(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_ARTIST]);
+}
+bool IsWavListInfoTrackName(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_TRACK]);
+}
+bool IsWavListInfoAlbumName(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_ALBUM]);
+}
 bool IsWavListInfoTrackNum(const uint8_t* p) {
     return WavChunkMatch(p, kListIds[WAV_TRACK_NUM]);
 }
-bool IsWavListInfoYear(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_YEAR]); }
-bool IsWavListInfoGenre(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_GENRE]); }
-bool IsWavListInfoComment(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_COMMENTS]); }
+bool IsWavListInfoYear(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_YEAR]);
+}
+bool IsWavListInfoGenre(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_GENRE]);
+}
+bool IsWavListInfoComment(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_COMMENTS]);
+}
 bool IsWavListInfoCopyright(const uint8_t* p) {
     return WavChunkMatch(p, kListIds[WAV_COPYRIGHT]);
 }
 bool IsWavListInfoSoftware(const uint8_t* p) {
     return WavChunkMatch(p, kListIds[WAV_SOFTWARE]);
 }
-bool IsWavListInfoToc(const uint8_t* p) { return WavChunkMatch(p, kListIds[WAV_TOC]); }
+bool IsWavListInfoToc(const uint8_t* p) {
+    return WavChunkMatch(p, kListIds[WAV_TOC]);
+}
 
 void WavFmtParseFromBuf(WavFmt* fmt, const uint8_t* buf) {
     fmt->audioFormat = readShort(buf);
@@ -262,8 +345,8 @@ void WavListInfoParseFromBuf(WavListInfo* info, const uint8_t* buf, size_t len) 
         if (field < 0) {
             kzLog("Unrecognised LIST INFO TAG\n");
         } else {
-            setText(info, static_cast<WavListField>(field), reinterpret_cast<const char*>(buf + pos),
-                    size);
+            setText(info, static_cast<WavListField>(field),
+                    reinterpret_cast<const char*>(buf + pos), size);
         }
         pos += size;
         if ((size & 1) && pos < len) pos++;

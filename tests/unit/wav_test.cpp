@@ -56,7 +56,7 @@ int readChunks(const std::string& bytes, size_t len, WavFileInfo* out, WavListIn
 }
 
 class WavTest : public ::testing::Test {
-protected:
+  protected:
     std::string path = testing::TempDir() + "kz-wav-" + std::to_string(getpid()) + ".wav";
     void TearDown() override { unlink(path.c_str()); }
 };
@@ -64,7 +64,7 @@ protected:
 TEST_F(WavTest, FileBytesAreExactWithPadsAndPatchedSizes) {
     Owned r;
     fillCdFormat(r.fmt);
-    WavListInfoSetArtistName(r.info, "Abc", 3);  // size 4: no pad
+    WavListInfoSetArtistName(r.info, "Abc", 3);        // size 4: no pad
     WavListInfoSetTrackName(r.info, "Song title", 2);  // "So", size 3: padded
     WavListInfoSetYear(r.info, "1999", 4);
     WavListInfoSetTOC(r.info, "1+96+4000", 9);  // read, never written
@@ -165,13 +165,16 @@ TEST_F(WavTest, FfprobeAcceptsTheFileAndItsNames) {
     WavListInfoSetArtistName(r.info, "Some Artist", 11);
     WavListInfoSetTrackName(r.info, "A Track", 7);
     writeFile(path, r, std::string(176400, '\0'));
-    std::string cmd = "/usr/bin/ffprobe -v error -show_entries format=duration:format_tags=title,"
-                      "artist -of default=nw=1 '" + path + "'";
+    std::string cmd =
+        "/usr/bin/ffprobe -v error -show_entries format=duration:format_tags=title,"
+        "artist -of default=nw=1 '" +
+        path + "'";
     FILE* p = popen(cmd.c_str(), "r");
     ASSERT_NE(p, nullptr);
     std::string out;
     char chunk[256];
-    while (size_t n = fread(chunk, 1, sizeof chunk, p)) out.append(chunk, n);
+    while (size_t n = fread(chunk, 1, sizeof chunk, p))
+        out.append(chunk, n);
     EXPECT_EQ(pclose(p), 0);
     EXPECT_NE(out.find("duration=1.000000"), std::string::npos) << out;
     EXPECT_NE(out.find("TAG:title=A Track"), std::string::npos) << out;
