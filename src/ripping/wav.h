@@ -76,7 +76,8 @@ const char* WavListInfoGetCopyright(const WavListInfo* info);
 const char* WavListInfoGetSoftware(const WavListInfo* info);
 const char* WavListInfoGetTOC(const WavListInfo* info);
 
-// Writers: each returns the number of bytes it added to the file.
+// Writers: each returns the number of bytes it added to the file, 0 when the
+// write failed.
 int WavWriteWavHeader(uint32_t size, FILE* f);           // "RIFF", size, "WAVE": 12
 int WavListInfoWrite(const WavListInfo* info, FILE* f);  // whole LIST chunk, or 0
 int WavFmtWrite(const WavFmt* fmt, FILE* f);             // 24
@@ -115,7 +116,8 @@ void WavListInfoParseFromBuf(WavListInfo* info, const uint8_t* buf, size_t len);
 
 // Reads a whole file's chunks: fmt and LIST/INFO wherever they stand, and the
 // data chunk's offset and size. Returns 1 for a RIFF/WAVE file with fmt and
-// data, 0 otherwise.
+// data, 0 otherwise. Texts found in a LIST/INFO chunk replace those in info;
+// the others are left as they were. info may be null.
 struct WavFileInfo {
     WavFmt fmt;
     bool hasFmt = false;
