@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (length < 0 || length > kFcgiMaxContent) abort();
         FcgiParams params;
         parseFcgiParams(buffer, length, &params);
-        if (strnlen(params.requestUri, sizeof params.requestUri) >= sizeof params.requestUri) abort();
+        if (strnlen(params.requestUri, sizeof params.requestUri) >= sizeof params.requestUri)
+            abort();
     }
     close(fds[1]);
     return 0;

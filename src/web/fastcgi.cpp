@@ -69,7 +69,8 @@ int getFcgiRecord(int fd, uint8_t* buffer, int* length) {
         n = recv(fd, h, 8, MSG_WAITALL);
     } while (n < 0 && errno == EINTR);
     if (n != 8) {
-        if (n != 0) kzLog("getFcgiRecord () header wrong expected 8 bytes got = %d\n", static_cast<int>(n));
+        if (n != 0)
+            kzLog("getFcgiRecord () header wrong expected 8 bytes got = %d\n", static_cast<int>(n));
         *length = 0;
         return 0;
     }
@@ -87,7 +88,8 @@ int getFcgiRecord(int fd, uint8_t* buffer, int* length) {
     }
     *length = contentLength;
     if (got < static_cast<size_t>(contentLength)) {
-        kzLog("getFcgiRecord () body wrong expected %d got %d\n", contentLength, static_cast<int>(got));
+        kzLog("getFcgiRecord () body wrong expected %d got %d\n", contentLength,
+              static_cast<int>(got));
         return 0;
     }
     return h[1];
@@ -118,7 +120,8 @@ void parseFcgiParams(const uint8_t* buffer, int length, FcgiParams* params) {
     while (p < end) {
         long nameLen = getFcgiLen(&p, end);
         long valueLen = getFcgiLen(&p, end);
-        if (nameLen < 0 || valueLen < 0 || nameLen > end - p || valueLen > end - p - nameLen) return;
+        if (nameLen < 0 || valueLen < 0 || nameLen > end - p || valueLen > end - p - nameLen)
+            return;
         fcgiStrNCpy(name, sizeof name, &p, static_cast<size_t>(nameLen));
         fcgiStrNCpy(value, sizeof value, &p, static_cast<size_t>(valueLen));
         if (strcmp(name, "REQUEST_URI") == 0) {

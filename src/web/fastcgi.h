@@ -47,9 +47,9 @@ bool sendFcgiEndRequest(int fd);
 // How a command's reply goes out.
 struct FcgiReply {
     const char* text = "thanks\n";
-    bool blob = false;        // text points at blobLength bytes of data
+    bool blob = false;  // text points at blobLength bytes of data
     long blobLength = 0;
-    bool file = false;        // text is the path of a file to send
+    bool file = false;  // text is the path of a file to send
 };
 // The whole response: header, content in records of at most 65,535 bytes,
 // the empty STDOUT and END_REQUEST.

@@ -27,7 +27,9 @@ void strip(char* dst, const char* src, size_t size, bool stopAtAmpersand) {
 
 }  // namespace
 
-void stripPercentagesFromURL(char* dst, const char* src, size_t size) { strip(dst, src, size, true); }
+void stripPercentagesFromURL(char* dst, const char* src, size_t size) {
+    strip(dst, src, size, true);
+}
 
 void stripPercentagesFromURLTail(char* dst, const char* src, size_t size) {
     strip(dst, src, size, false);

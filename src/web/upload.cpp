@@ -41,7 +41,9 @@ void addUploadedFileToDB(const std::string& artist, const std::string& album,
 
 StdinParser::StdinParser() = default;
 
-StdinParser::~StdinParser() { connectionEnded(); }
+StdinParser::~StdinParser() {
+    connectionEnded();
+}
 
 void StdinParser::armUpload(const std::string& artist) {
     connectionEnded();
@@ -90,7 +92,8 @@ void StdinParser::process(const uint8_t* data, int len) {
         audioBytes(data, len);
         return;
     }
-    for (int i = 0; i < len; i++) byte(data[i]);
+    for (int i = 0; i < len; i++)
+        byte(data[i]);
     flushFile();
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 
 class StdinParser {
-public:
+  public:
     // Where the browser's frames go, and how full that buffer is (slots).
     struct AudioSink {
         std::function<bool()> enabled;
@@ -41,7 +41,7 @@ public:
     int channels = 0;
     int sampleRate = 0;
 
-private:
+  private:
     void byte(uint8_t c);
     void headerLine();
     void finishFile();
