@@ -1,6 +1,5 @@
 #include "playback/playback.h"
 
-void initPipe() {}
 void initPlay() {}
 void stopPlay() {}
 bool isPlaying() {
@@ -9,5 +8,7 @@ bool isPlaying() {
 bool punchThru() {
     return false;
 }
-void killFfmpegs() {}
-void deleteZombies() {}
+std::mutex& playMutex() {
+    static std::mutex mutex;
+    return mutex;
+}

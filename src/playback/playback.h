@@ -1,7 +1,10 @@
-// Playback entry points used by the core: the decoder pipes and playback
-// control. Not built yet: nothing plays and there are no decoder children.
+// Playback entry points used by the core. The decoder pipes are built (in
+// pipe.cpp); playback control is not yet: nothing plays.
 #pragma once
 
+#include <mutex>
+
+// Decoder slots: fifos, parser threads (pipe.cpp).
 void initPipe();
 void initPlay();
 void stopPlay();
@@ -10,3 +13,5 @@ bool isPlaying();
 bool punchThru();
 void killFfmpegs();
 void deleteZombies();
+// Guards the channels' state against the output callback.
+std::mutex& playMutex();
