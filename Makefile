@@ -30,7 +30,9 @@ run: build
 	@scripts/demo
 
 bench: build
-	@echo "no benchmarks yet"
+	@$(BUILD_DIR)/kz_bench --benchmark_out=$(BUILD_DIR)/bench.txt --benchmark_out_format=console \
+		> $(BUILD_DIR)/bench.log
+	@cat $(BUILD_DIR)/bench.txt
 
 fuzz: deps
 	@echo "no fuzz targets yet"

@@ -51,8 +51,9 @@ FetchFeeder::FetchFeeder() {
 }
 
 FetchFeeder& fetchFeeder() {
-    static FetchFeeder feeder;
-    return feeder;
+    // Never destroyed: a feeder thread may outlive the exit path.
+    static FetchFeeder* feeder = new FetchFeeder;
+    return *feeder;
 }
 
 void FetchFeeder::stopFeeder(int channel) {

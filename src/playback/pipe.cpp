@@ -89,8 +89,9 @@ void parseFFmpegLine(const char* line, PipeSlot& slot) {
 }
 
 DecoderPipes& decoderPipes() {
-    static DecoderPipes pipes;
-    return pipes;
+    // Never destroyed: the parser threads use it until the process is gone.
+    static DecoderPipes* pipes = new DecoderPipes;
+    return *pipes;
 }
 
 void DecoderPipes::init() {
@@ -395,6 +396,9 @@ int DecoderPipes::getPipeSamples(int slot, void* dst, int frames) {
         return 0;
     }
     drain(slot, wanted);
+    // A stream that ended before its cushion filled: nothing more will come,
+    // so play what there is rather than stay silent for ever.
+    if (s.pipeStarting && fifoUsed(s.fifo) > 0 && !pipeRunning(slot)) s.pipeStarting = 0;
     if (s.pipeStarting) {
         memset(dst, 0, wanted);
         return frames;

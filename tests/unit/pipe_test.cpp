@@ -203,7 +203,7 @@ TEST_F(PipeTest, BadInputsAndKilledChildrenEndTheirTrackCleanly) {
 
 TEST_F(PipeTest, RadioStartsOnlyWithAQuarterOfTheFifo) {
     std::string path = file("station.mp3");
-    makeAudio(path, "sine=f=500:d=4", {"-ac", "2"});
+    makeAudio(path, "sine=f=500:d=6", {"-ac", "2"});
     Bytes stream = readAll(path);
     decoderPipes().radioSelected = true;
 
@@ -212,8 +212,15 @@ TEST_F(PipeTest, RadioStartsOnlyWithAQuarterOfTheFifo) {
     ASSERT_GE(slot, 0);
     ASSERT_TRUE(out);
     EXPECT_EQ(getRadioPipeName(), hostPath("/tmp/radioPipe1"));
+    // Most of the stream now, the rest after a dropout.
+    std::atomic<bool> resume{false};
     std::thread writer([&] {
-        fwrite(stream.data(), 1, stream.size(), out);
+        size_t first = stream.size() * 6 / 10;
+        fwrite(stream.data(), 1, first, out);
+        fflush(out);
+        while (!resume)
+            usleep(1000);
+        fwrite(stream.data() + first, 1, stream.size() - first, out);
         fclose(out);
     });
     uint8_t period[4096];
@@ -223,21 +230,27 @@ TEST_F(PipeTest, RadioStartsOnlyWithAQuarterOfTheFifo) {
     }
     // The start ended with the read that crossed a quarter.
     EXPECT_GT(getPipeOccupancy(slot) + 4096, DecoderPipes::kFifoBytes / 4);
-    // A dropout: silent again until refilled.
+    // A dropout: silent again until the stream brings more.
     decoderPipes().slot(slot).pipeUnderrunFlag = 1;
     rePreFill(slot);
     EXPECT_EQ(isPipeStarting(slot), 1);
+    resume = true;
     drainSlot(slot);
     writer.join();
     EXPECT_EQ(decoderPipes().slot(slot).pipeUnderrunFlag, 0);
 
-    // The next station gets a new input fifo; the old one is removed.
+    // The next station gets a new input fifo and the old one is removed. It
+    // ends before a quarter is there: what it gave still plays.
+    std::string shortPath = file("short.mp3");
+    makeAudio(shortPath, "sine=f=500:d=1", {"-ac", "2"});
+    Bytes shortStream = readAll(shortPath);
     slot = startRadioPipe2(&out);
     ASSERT_GE(slot, 0);
+    fwrite(shortStream.data(), 1, shortStream.size(), out);
     fclose(out);
     EXPECT_FALSE(fs::exists(hostPath("/tmp/radioPipe1")));
     EXPECT_TRUE(fs::exists(hostPath("/tmp/radioPipe2")));
-    drainSlot(slot);
+    EXPECT_GT(drainSlot(slot).size(), 100000u);
 }
 
 }  // namespace
