@@ -116,12 +116,13 @@ inline void captureStderr(const std::string& path, const std::string& errPath) {
 // left out. Gives up after `limit` so that a hang fails instead of stalling.
 inline Bytes drainSlot(int slot, std::chrono::seconds limit = std::chrono::seconds(20)) {
     Bytes all;
-    uint8_t period[4096];
+    int frameBytes = decoderPipes().highResolution ? 8 : 4;
+    uint8_t period[1024 * 8];
     auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
         int frames = getPipeSamples(slot, period, 1024);
         if (frames == 0 && !pipeRunning(slot) && getPipeOccupancy(slot) == 0) break;
-        if (!isPipeStarting(slot)) all.insert(all.end(), period, period + frames * 4);
+        if (!isPipeStarting(slot)) all.insert(all.end(), period, period + frames * frameBytes);
         if (frames < 1024) usleep(1000);
         if (std::chrono::steady_clock::now() > deadline) {
             ADD_FAILURE() << "slot " << slot << " never ended";

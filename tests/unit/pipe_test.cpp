@@ -254,3 +254,72 @@ TEST_F(PipeTest, RadioStartsOnlyWithAQuarterOfTheFifo) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace decoder_test;
+
+using PipeArgsTest = DecoderTest;
+
+// A stand-in decoder that writes down how it was called.
+std::string fakeDecoder(const std::string& dir) {
+    std::string script = dir + "/fake-ffmpeg";
+    std::ofstream(script) << "#!/bin/sh\necho \"$@\" >> " << dir << "/args.txt\n";
+    chmod(script.c_str(), 0755);
+    return script;
+}
+
+TEST_F(PipeArgsTest, DecoderIsCalledWithExactlyTheFormatArguments) {
+    setenv("KZ_ROOT", testRoot().c_str(), 1);
+    setenv("KZ_FFMPEG", fakeDecoder(testRoot()).c_str(), 1);
+    configureHostMode();
+    std::string input = "/music/A b/it's; $(rm -rf x).mp3";
+    int slot = startPipePlay(input);
+    drainSlot(slot);
+    decoderPipes().highResolution = true;
+    slot = startPipePlay(input);
+    drainSlot(slot);
+    decoderPipes().highResolution = false;
+    unsetenv("KZ_FFMPEG");
+    configureHostMode();
+
+    std::ifstream in(testRoot() + "/args.txt");
+    std::string normal, high;
+    std::getline(in, normal);
+    std::getline(in, high);
+    // The name reaches the decoder as one argument, untouched by any shell.
+    EXPECT_EQ(normal, "-y -hide_banner -i " + input +
+                          " -ac 2 -acodec pcm_s16le -f u16le -ar 44100 " +
+                          hostPath("/tmp/kzpipe1"));
+    EXPECT_EQ(high, "-y -hide_banner -i " + input + " -ac 2 -acodec pcm_s32le -f s32le -ar 96000 " +
+                        hostPath("/tmp/kzpipe2"));
+}
+
+TEST_F(PipeArgsTest, TimesComeFromTheFifoTheProgressAndTheFramesPlayed) {
+    // No child on slot 1: its time to the end is what the ring holds.
+    PipeSlot& s = decoderPipes().slot(1);
+    clearPipe(1);
+    uint8_t* at;
+    ASSERT_GE(fifoContiguous(s.fifo, &at), 705600);
+    fifoAdd(s.fifo, 705600);
+    EXPECT_EQ(pipeTimeToEOF(1), 4);
+    decoderPipes().highResolution = true;
+    EXPECT_EQ(timeInPipe(1), 1);  // the kept divisor: 384000, not 768000
+    decoderPipes().highResolution = false;
+    EXPECT_NEAR(getFifoPercentage(1), 70.56, 1e-9);
+
+    setPipeDuration(1, 100);
+    s.pipeTime = 90;
+    EXPECT_EQ(getPipeTimeLeft(1), 14);
+    setPipeTime(1, 250);
+    EXPECT_EQ(s.pipeSamples, 1102500);
+    EXPECT_EQ(getPipeTime(1), 25);
+    EXPECT_EQ(getPipeTimeLeft2(1), 75);
+    setPipeDuration(1, 10);
+    EXPECT_EQ(getPipeTimeLeft2(1), 0);
+    EXPECT_EQ(getPipeTimeLeft(1), 0);
+    clearFifoForPipe(1);
+    EXPECT_EQ(getPipeOccupancy(1), 0);
+}
+
+}  // namespace
