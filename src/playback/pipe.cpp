@@ -313,8 +313,11 @@ void DecoderPipes::flushPipe(int slot) {
 
 void DecoderPipes::reopenPipe(int slot) {
     PipeSlot& s = slots_[slot];
+    // The new reader first: a decoder that opened the fifo just after our
+    // last read must never find it without a reader (it would die of EPIPE).
+    int fd = open(s.pipeName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     closePf(slot);
-    s.pf = open(s.pipeName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    s.pf = fd;
 }
 
 void DecoderPipes::clearFfmpegPipe(int slot) {
