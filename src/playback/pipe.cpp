@@ -153,6 +153,9 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     // ffmpeg reads keys from standard input; the daemon's is not for it.
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     if (err >= 0) posix_spawn_file_actions_adddup2(&actions, err, 2);
+    // Nothing else of ours: a decoder holding another fifo's write end would
+    // keep that fifo's reader from ever seeing its end.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
     sigset_t none, all;
