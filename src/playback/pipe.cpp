@@ -16,6 +16,7 @@
 #include "core/events.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "playback/playback.h"
 
 extern char** environ;
@@ -157,13 +158,7 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     // keep that fifo's reader from ever seeing its end.
     posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    initChildAttributes(&attr);
 
     std::string program = ffmpegPath();
     pid_t pid = 0;

@@ -124,6 +124,12 @@ TEST_F(PipeTest, ThirdDecoderFailsAndTheFifthFailurePostsTheStopEvent) {
     EXPECT_EQ(pipeRunning(1), 0);
     EXPECT_EQ(startPipePlay(never), 1);
     EXPECT_EQ(decoderPipes().pipeOpenFailCount(), 0);
+
+    // Blocked in open(), ffmpeg only notes a SIGTERM; the reaping still ends
+    // every one of them.
+    killFfmpegs();
+    reapAll();
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD);
 }
 
 TEST_F(PipeTest, BadInputsAndKilledChildrenEndTheirTrackCleanly) {
