@@ -31,10 +31,13 @@ run: build
 
 # Figures go to the terminal; inputs are generated once under build/bench-data.
 bench: build
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench kz_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
 	@/usr/bin/python3 bench/web_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
+	@$(BUILD_DIR)/kz_bench --benchmark_out=$(BUILD_DIR)/bench.txt --benchmark_out_format=console \
+		> $(BUILD_DIR)/bench.log
+	@cat $(BUILD_DIR)/bench.txt
 
 # Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
 # starting from its corpus under fuzz/corpus/<name without _fuzz>.

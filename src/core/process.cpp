@@ -15,6 +15,16 @@
 
 extern char** environ;
 
+void initChildAttributes(posix_spawnattr_t* attr) {
+    posix_spawnattr_init(attr);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(attr, &none);
+    posix_spawnattr_setsigdefault(attr, &all);
+    posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+}
+
 int runProgram(const std::vector<std::string>& argv) {
     if (argv.empty()) return -1;
     std::vector<char*> args;
@@ -22,16 +32,8 @@ int runProgram(const std::vector<std::string>& argv) {
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
 
-    // The child starts with default signal handling and nothing blocked,
-    // whatever the daemon set up for itself.
     posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    initChildAttributes(&attr);
 
     pid_t pid;
     int err = posix_spawnp(&pid, args[0], nullptr, &attr, args.data(), environ);

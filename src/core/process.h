@@ -3,8 +3,15 @@
 // a command.
 #pragma once
 
+#include <spawn.h>
+
 #include <string>
 #include <vector>
+
+// Spawn attributes for a child that starts with default signal handling and
+// nothing blocked, whatever the daemon set up for itself. The caller destroys
+// them.
+void initChildAttributes(posix_spawnattr_t* attr);
 
 // Runs the program and waits for it. Returns its exit status, or -1 when it
 // could not be started or did not exit normally.

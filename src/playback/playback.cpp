@@ -3,23 +3,20 @@
 #include "core/log.h"
 #include "playback/output.h"
 
-void initPipe() {}
 // Nothing can play yet: every period is the idle value 1.
 void getSamples(int16_t* dest, int frames) {
-    for (int i = 0; i < frames * 2; i++)
-        dest[i] = 1;
+    for (int i = 0; i < frames * 2; i++) dest[i] = 1;
 }
 
 void initPlay() {
     if (!initAlsaPlayback(getSamples)) kzLog("*********** No USB DAC **********\n");
     kzLog("Alsa init complete\n");
 }
+
 void stopPlay() {}
-bool isPlaying() {
-    return false;
+bool isPlaying() { return false; }
+bool punchThru() { return false; }
+std::mutex& playMutex() {
+    static std::mutex mutex;
+    return mutex;
 }
-bool punchThru() {
-    return false;
-}
-void killFfmpegs() {}
-void deleteZombies() {}

@@ -1,9 +1,12 @@
-// Playback entry points used by the core: the decoder pipes and playback
-// control. Not built yet: nothing plays and there are no decoder children.
+// Playback entry points used by the core. The decoder pipes are built (in
+// pipe.cpp); playback control is not yet: nothing plays.
 #pragma once
 
-void initPipe();
 #include <cstdint>
+#include <mutex>
+
+// Decoder slots: fifos, parser threads (pipe.cpp).
+void initPipe();
 
 // The output callback: one period of 16-bit stereo frames.
 void getSamples(int16_t* dest, int frames);
@@ -14,3 +17,5 @@ bool isPlaying();
 bool punchThru();
 void killFfmpegs();
 void deleteZombies();
+// Guards the channels' state against the output callback.
+std::mutex& playMutex();

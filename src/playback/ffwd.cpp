@@ -1,0 +1,296 @@
+#include "playback/ffwd.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+#include "core/log.h"
+#include "core/paths.h"
+#include "playback/pipe.h"
+#include "playback/playback.h"
+
+namespace {
+
+long long fileLength(FILE* f) {
+    struct stat st;
+    return fstat(fileno(f), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+}
+
+// kbit/s of the file, from file bytes against the PCM bytes (1411.2 kbit/s)
+// they decoded to.
+int bitrateOf(long long fileBytes, long long pcmBytes) {
+    return pcmBytes > 0 ? static_cast<int>(fileBytes * 1411.2 / pcmBytes) : 0;
+}
+
+}  // namespace
+
+int trackFileType(const std::string& path) {
+    std::string lower = path;
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    static const char* const kinds[] = {".wav", ".flac", ".mp3", ".m4a"};
+    for (int i = 0; i < 4; i++)
+        if (lower.find(kinds[i]) != std::string::npos) return i + 1;
+    return FILE_OTHER;
+}
+
+FeedTrack::~FeedTrack() {
+    if (file) fclose(file);
+}
+
+FetchFeeder::FetchFeeder() {
+    channels_[0].ffwdPipeName = "/tmp/ffwdPipe0";
+    channels_[1].ffwdPipeName = "/tmp/ffwdPipe1";
+}
+
+FetchFeeder& fetchFeeder() {
+    // Never destroyed: a feeder thread may outlive the exit path.
+    static FetchFeeder* feeder = new FetchFeeder;
+    return *feeder;
+}
+
+void FetchFeeder::stopFeeder(int channel) {
+    std::shared_ptr<FeedTrack> old;
+    {
+        std::lock_guard<std::mutex> hold(channelMutex_);
+        old = channels_[channel].track;
+    }
+    if (!old) return;
+    old->enable = 0;
+    for (int i = 0; i < 3 && old->exists; i++)
+        usleep(100000);
+}
+
+int FetchFeeder::prepareFfwdFetch(int channel, const std::string& path) {
+    stopFeeder(channel);
+    auto track = std::make_shared<FeedTrack>();
+    track->fifoPath = hostPath(channels_[channel].ffwdPipeName);
+    if (mkfifo(track->fifoPath.c_str(), 0666) != 0 && errno != EEXIST) {
+        kzLog("prepareFfwdFetch error creating %s Error %d -> %s\n", track->fifoPath.c_str(), errno,
+              strerror(errno));
+        return 0;
+    }
+    track->file = fopen(path.c_str(), "rbe");
+    if (!track->file) {
+        kzLog("startFfwdFetch () cannot open %s\n", path.c_str());
+        return 0;
+    }
+    std::lock_guard<std::mutex> hold(channelMutex_);
+    channels_[channel].track = std::move(track);
+    return 1;
+}
+
+int FetchFeeder::startFfwdFetch2(int channel) {
+    FeederChannel& c = channels_[channel];
+    std::shared_ptr<FeedTrack> track;
+    {
+        std::lock_guard<std::mutex> hold(channelMutex_);
+        track = c.track;
+    }
+    if (!track || !track->file) return 0;
+    PipeSlot& slot = decoderPipes().slot(c.playPipe);
+    c.trackFileLength = fileLength(track->file);
+    c.ffmpegConsumed = 0;
+    slot.ffmpegProduced = 0;
+    c.ffmpegEstimatedBitrate = 0;
+    slot.ffmpegBitrateStartup = 1;
+    track->enable = 1;
+    track->exists = 1;
+    try {
+        std::thread(&FetchFeeder::ffwdThreadCode3, this, channel, track).detach();
+    } catch (const std::system_error&) {
+        kzLog("startFfwdFetch2 failed to create thread\n");
+        track->exists = 0;
+        return 0;
+    }
+    return 1;
+}
+
+void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track) {
+    kzLog("ffwdThreadCode3 started channel = %d\n", channel);
+    FeederChannel& c = channels_[channel];
+    int slotNumber = c.playPipe;
+    PipeSlot& slot = decoderPipes().slot(slotNumber);
+
+    // The decoder opens its input when it gets round to it; until then a
+    // non-blocking open finds no reader.
+    int fd = -1;
+    while (track->enable) {
+        fd = open(track->fifoPath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) break;
+        if (errno != ENXIO) {
+            kzLog("ffwdThreadCode error opening %s Error %d -> %s\n", track->fifoPath.c_str(),
+                  errno, strerror(errno));
+            break;
+        }
+        // A decoder that died before opening will never read.
+        if (!decoderPipes().pipeRunning(slotNumber)) break;
+        usleep(openPollMs * 1000);
+    }
+
+    if (fd >= 0) {
+        char block[4096];
+        long long burst = 0;
+        bool broken = false;
+        while (track->enable && !broken) {
+            size_t n;
+            {
+                std::lock_guard<std::mutex> hold(track->fileMutex);
+                n = fread(block, 1, sizeof block, track->file);
+            }
+            if (n == 0) break;
+            size_t done = 0;
+            while (done < n && track->enable) {
+                ssize_t w = write(fd, block + done, n - done);
+                if (w > 0) {
+                    done += w;
+                    burst += w;
+                    if (!slot.ffmpegBitrateStartup) c.ffmpegConsumed += w;
+                } else if (w < 0 && errno == EAGAIN) {
+                    // The decoder is ahead of real time by a full fifo: what
+                    // went in since the last full one against what came out.
+                    if (!slot.ffmpegBitrateStartup && burst > 0)
+                        c.ffmpegEstimatedBitrate = bitrateOf(burst, slot.ffmpegProduced);
+                    burst = 0;
+                    usleep(100000);
+                } else {
+                    // EPIPE: the decoder has gone (ended, failed or killed).
+                    broken = true;
+                    break;
+                }
+            }
+        }
+    }
+
+    kzLog("ffwdThreadCode %d finished\n", channel);
+    if (fd >= 0) close(fd);
+    {
+        std::lock_guard<std::mutex> hold(track->fileMutex);
+        if (track->file) fclose(track->file);
+        track->file = nullptr;
+    }
+    kzLog("ffwdThreadCode %d deleting pipe\n", channel);
+    {
+        // A newer track of this channel already uses the same fifo name.
+        std::lock_guard<std::mutex> hold(channelMutex_);
+        if (c.track == track) unlink(track->fifoPath.c_str());
+    }
+    track->exists = 0;
+}
+
+int FetchFeeder::startTrackDecoder(int channel, const std::string& path) {
+    FeederChannel& c = channels_[channel];
+    c.channelFileExt = trackFileType(path);
+    int slot;
+    if (c.channelFileExt == FILE_M4A) {
+        stopFeeder(channel);
+        slot = startPipePlay(path);
+    } else {
+        if (!prepareFfwdFetch(channel, path)) return -1;
+        slot = startPipePlay(hostPath(c.ffwdPipeName));
+    }
+    if (slot < 0) {
+        kzLog("startPlayingTrack () couldnt get a pipe - ignoring\n");
+        return -1;
+    }
+    c.playPipe = slot;
+    if (c.channelFileExt != FILE_M4A && !startFfwdFetch2(channel)) {
+        // Its decoder would wait on an input that never comes.
+        killPipe(slot);
+        return -1;
+    }
+    return slot;
+}
+
+void FetchFeeder::setSkipping(int channel) {
+    int type = channels_[channel].channelFileExt;
+    // Uncompressed and FLAC decoders read little ahead of what they emit.
+    int seconds = (type == FILE_WAV || type == FILE_FLAC) ? 2 : 6;
+    decoderPipes().setSkipping(seconds * kSecondBytes);
+}
+
+int FetchFeeder::seek(int channel, int position) {
+    kzLog("seek (%d)\n", position);
+    FeederChannel& c = channels_[channel];
+    std::shared_ptr<FeedTrack> track;
+    int slot;
+    {
+        std::lock_guard<std::mutex> play(playMutex());
+        if (c.channelFileExt == FILE_M4A) {
+            kzLog("Cannot ffwd m4a files\n");
+            return 0;
+        }
+        {
+            std::lock_guard<std::mutex> hold(channelMutex_);
+            track = c.track;
+        }
+        slot = c.playPipe;
+        if (!track || !track->exists || !track->file || slot < 0) {
+            kzLog("seek - ffwdthread already finished\n");
+            return 0;
+        }
+        setSkipping(channel);
+        clearPipe(slot);
+    }
+    {
+        std::lock_guard<std::mutex> hold(track->fileMutex);
+        if (!track->file) {
+            kzLog("seek - ffwdthread already finished\n");
+            return 0;
+        }
+        long long length = fileLength(track->file);
+        long long target = static_cast<long long>(position) * length / 1000;
+        kzLog("length %d seeking to %d\n", static_cast<int>(length), static_cast<int>(target));
+        fseeko(track->file, static_cast<off_t>(target & ~3LL), SEEK_SET);
+    }
+    setPipeTime(slot, position);
+    return 1;
+}
+
+int FetchFeeder::estimateBitrate(int channel) {
+    FeederChannel& c = channels_[channel];
+    if (c.playPipe < 0) return 0;
+    PipeSlot& slot = decoderPipes().slot(c.playPipe);
+    if (slot.ffmpegBitrateStartup) return 0;
+    double rate = slot.ffmpegProduced > 0 ? c.ffmpegConsumed * 1411.2 / slot.ffmpegProduced : 0.0;
+    if (isPlaying()) kzLog("Computed bitrate %f\n", rate);
+    return static_cast<int>(rate);
+}
+
+int FetchFeeder::trackTimeToEOF(int channel) {
+    FeederChannel& c = channels_[channel];
+    int slot = c.playPipe;
+    if (slot < 0) return 0;
+    // An ".m4a" has no feeder; its decoder's life tells instead.
+    if (c.channelFileExt == FILE_M4A) return pipeTimeToEOF(slot);
+    std::shared_ptr<FeedTrack> track;
+    {
+        std::lock_guard<std::mutex> hold(channelMutex_);
+        track = c.track;
+    }
+    if (track && track->exists) return 1000;
+    return timeInPipe(slot);
+}
+
+int prepareFfwdFetch(int channel, const std::string& path) {
+    return fetchFeeder().prepareFfwdFetch(channel, path);
+}
+int startFfwdFetch2(int channel) {
+    return fetchFeeder().startFfwdFetch2(channel);
+}
+int seek(int channel, int position) {
+    return fetchFeeder().seek(channel, position);
+}
+void setSkipping(int channel) {
+    fetchFeeder().setSkipping(channel);
+}
+int estimateBitrate(int channel) {
+    return fetchFeeder().estimateBitrate(channel);
+}

@@ -1,0 +1,102 @@
+#include "playback/ffwd.h"
+
+#include <algorithm>
+
+#include "decoder_fixture.h"
+
+namespace {
+
+using namespace decoder_test;
+
+using FeederTest = DecoderTest;
+
+TEST(TrackFileType, FirstKnownExtensionAnywhereInAnyCase) {
+    EXPECT_EQ(trackFileType("/music/a/b/01 Song.WAV"), FILE_WAV);
+    EXPECT_EQ(trackFileType("/music/x.flac"), FILE_FLAC);
+    EXPECT_EQ(trackFileType("/music/x.Mp3"), FILE_MP3);
+    EXPECT_EQ(trackFileType("/music/x.m4a"), FILE_M4A);
+    EXPECT_EQ(trackFileType("/music/x.ogg"), FILE_OTHER);
+    // Tested in order, anywhere: a folder named like a WAV wins.
+    EXPECT_EQ(trackFileType("/music/live.wav.d/x.mp3"), FILE_WAV);
+}
+
+TEST_F(FeederTest, SeekArmsTheDiscardForTheFileType) {
+    struct Case {
+        int type;
+        int discard;
+    } cases[] = {
+        {FILE_WAV, 352800}, {FILE_FLAC, 352800}, {FILE_MP3, 1058400}, {FILE_OTHER, 1058400}};
+    for (const Case& c : cases) {
+        fetchFeeder().channel(1).channelFileExt = c.type;
+        setSkipping(1);
+        EXPECT_EQ(isSkipping(c.discard - 1), 1) << c.type;
+        EXPECT_EQ(isSkipping(1), 1) << c.type;
+        EXPECT_EQ(isSkipping(4096), 0) << c.type;
+    }
+}
+
+TEST_F(FeederTest, SeekLandsInTheFileAndDropsTheAudioAlreadyUnderWay) {
+    std::string path = file("seek.wav");
+    makeAudio(path, "anoisesrc=d=10:r=44100:seed=3", {"-ac", "2", "-bitexact"});
+    Bytes expected = referencePcm(path);
+    ASSERT_EQ(expected.size(), 1764000u);
+
+    int slot = fetchFeeder().startTrackDecoder(0, path);
+    ASSERT_GE(slot, 0);
+    uint8_t period[4096];
+    while (isPipeStarting(slot))
+        getPipeSamples(slot, period, 1024);
+    // The library knows the duration the fifo does not tell.
+    setPipeDuration(slot, 10);
+    ASSERT_EQ(seek(0, 500), 1);
+    EXPECT_EQ(getPipeTime(slot), 5);
+    EXPECT_EQ(getPipeOccupancy(slot), 0);
+
+    Bytes got = drainSlot(slot);
+    // What plays after the seek is the end of the track from one place on,
+    // with nothing of the old position mixed in.
+    ASSERT_FALSE(got.empty());
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.end() - got.size()));
+    // From byte 882,022 of the file (the PCM's byte 881,978) on, less the
+    // discarded 352,800 bytes of which some were old audio; the read that
+    // ends the discard goes whole (at most a kernel fifo's 64 KiB).
+    long long fromSeek = 1764000 - 881976;
+    EXPECT_LE(static_cast<long long>(got.size()), fromSeek - 352800 + 240000);
+    EXPECT_GE(static_cast<long long>(got.size()), fromSeek - 352800 - 65536);
+
+    // Once the feeder has finished there is nothing to move.
+    EXPECT_TRUE(eventually([] { return fetchFeeder().channel(0).track->exists == 0; }));
+    EXPECT_EQ(seek(0, 100), 0);
+}
+
+TEST_F(FeederTest, M4aIsDecodedByPathAndCannotSeek) {
+    std::string path = file("song.m4a");
+    makeAudio(path, "sine=f=440:d=8", {"-ac", "2"});
+    int slot = fetchFeeder().startTrackDecoder(1, path);
+    ASSERT_GE(slot, 0);
+    uint8_t period[4096];
+    while (isPipeStarting(slot))
+        getPipeSamples(slot, period, 1024);
+    int held = getPipeOccupancy(slot);
+    EXPECT_EQ(seek(1, 500), 0);
+    EXPECT_EQ(getPipeOccupancy(slot), held);
+    EXPECT_EQ(isSkipping(4), 0);
+    // Its end follows the decoder, not a feeder it does not have.
+    EXPECT_EQ(fetchFeeder().trackTimeToEOF(1), pipeRunning(slot) ? 1000 : timeInPipe(slot));
+    drainSlot(slot);
+    EXPECT_EQ(fetchFeeder().trackTimeToEOF(1), 0);
+}
+
+TEST_F(FeederTest, BitrateIsEstimatedFromFileBytesAgainstDecodedBytes) {
+    std::string path = file("long.mp3");
+    makeAudio(path, "anoisesrc=d=120:r=44100:a=0.2", {"-ac", "2", "-b:a", "128k"});
+    int slot = fetchFeeder().startTrackDecoder(0, path);
+    ASSERT_GE(slot, 0);
+    EXPECT_EQ(estimateBitrate(0), 0);  // still starting
+    drainSlot(slot);
+    int kbps = estimateBitrate(0);
+    EXPECT_GE(kbps, 110);
+    EXPECT_LE(kbps, 140);
+}
+
+}  // namespace
