@@ -222,7 +222,7 @@ int FetchFeeder::seek(int channel, int position) {
     std::shared_ptr<FeedTrack> track;
     int slot;
     {
-        std::lock_guard<std::mutex> play(playMutex());
+        std::lock_guard<std::recursive_mutex> play(playMutex());
         if (c.channelFileExt == FILE_M4A) {
             kzLog("Cannot ffwd m4a files\n");
             return 0;

@@ -1,0 +1,559 @@
+#include "playback/control.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "core/events.h"
+#include "core/log.h"
+#include "library/ids.h"
+#include "library/library.h"
+#include "library/settings.h"
+#include "playback/ffwd.h"
+#include "playback/pipe.h"
+#include "playback/playback.h"
+#include "playback/output.h"
+
+namespace {
+
+struct PlayChannel {
+    int source = SRC_IDLE;
+    FILE* pcmf = nullptr;
+    int playPipe = -1;
+    int nearEOF = 0;
+    long long trackFileLength = 0;
+    int trackId = INVALID_ID;
+};
+
+struct PlayState {
+    PlayChannel channel[2];
+    int32_t mix = 0;
+    int32_t mixstep = 0;
+    int16_t segueBuffer[76800 / 2];
+    int32_t fade = 0;
+    int32_t fadeStep = 0;
+    int fadeWait = 0;
+    bool fading = false;
+    void (*fadeCode)() = nullptr;
+    std::atomic<int> playingVariable{0};
+    std::atomic<long long> samplesIntoTrack{0};
+    int randomMode = 0;
+    int dropout = 0;
+    int selectedSource = SEL_HDD;
+};
+
+PlayState& S() {
+    static PlayState s;
+    return s;
+}
+
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+bool busy(int ch) { return S().channel[ch].source != SRC_IDLE; }
+
+// Adds with wrap-around and clamps as the crossfade and the fade do: a
+// negative result means it ran past an end.
+int32_t step(int32_t value, int32_t by) {
+    int32_t v = static_cast<int32_t>(static_cast<uint32_t>(value) + static_cast<uint32_t>(by));
+    if (v < 0) v = by < 0 ? 0 : kMixFull;
+    return v;
+}
+
+void stopChannelLocked(int ch) {
+    PlayChannel& c = S().channel[ch];
+    if (c.source == SRC_PIPE || c.source == SRC_VIDEO) {
+        fetchFeeder().stopFeeder(ch);
+        if (c.playPipe >= 0) decoderPipes().stopPipe(c.playPipe);
+    }
+    if (c.pcmf) fclose(c.pcmf);
+    c = PlayChannel();
+    if (!busy(0) && !busy(1)) S().playingVariable = 0;
+}
+
+// Fills dst with the channel's next frames; returns how many it really had.
+int getChannelSamples(int ch, int16_t* dst, int frames) {
+    PlayChannel& c = S().channel[ch];
+    int n = 0;
+    switch (c.source) {
+        case SRC_WAV:
+            if (c.pcmf) n = static_cast<int>(fread(dst, 4, static_cast<size_t>(frames), c.pcmf));
+            if (n == 0) {
+                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                stopChannelLocked(ch);
+                return 0;
+            }
+            break;
+        case SRC_PIPE:
+        case SRC_VIDEO:
+            n = c.playPipe >= 0 ? decoderPipes().getPipeSamples(c.playPipe, dst, frames) : 0;
+            if (n >= frames) {
+                S().dropout = 0;
+            } else {
+                S().dropout++;
+                if (c.source == SRC_VIDEO && S().dropout == 10) {
+                    kzLog("New Next mechanism at end of Youtube track\n");
+                    addEvent(74);
+                }
+            }
+            // A decoder that has finished and delivered everything ends the
+            // channel's track.
+            if (n == 0 && c.playPipe >= 0 && !decoderPipes().pipeRunning(c.playPipe) &&
+                decoderPipes().getPipeOccupancy(c.playPipe) == 0 && !decoderPipes().isPipeStarting(c.playPipe)) {
+                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                stopChannelLocked(ch);
+                return 0;
+            }
+            break;
+        default:
+            break;
+    }
+    if (n < 0) n = 0;
+    if (n < frames) memset(dst + n * 2, 0, static_cast<size_t>(frames - n) * 4);
+    return n;
+}
+
+// The tracks of an album in play order (track number, then table order).
+std::vector<int> albumTracks(int album) {
+    std::vector<int> tracks;
+    for (int t = 0; t < getTrackCount(); t++) {
+        if (getParentAlbum(t) == album) tracks.push_back(t);
+    }
+    std::stable_sort(tracks.begin(), tracks.end(),
+                     [](int a, int b) { return getTrackOrder(a) < getTrackOrder(b); });
+    return tracks;
+}
+
+bool isLastTrackOfAlbum(int t) {
+    if (t < 0 || t >= getTrackCount()) return true;
+    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    return tracks.empty() || tracks.back() == t;
+}
+
+int playTrackIndex(int t) {
+    if (t < 0 || t >= getTrackCount()) return 0;
+    lib().currentID = trackToID(t);
+    return startPlayingTrack(getTrackPath(t));
+}
+
+void stopCode() {
+    stopPlayNoMute();
+    addEvent(20);
+}
+
+}  // namespace
+
+std::recursive_mutex& playMutex() {
+    static std::recursive_mutex mutex;
+    return mutex;
+}
+
+void resetPlayback() {
+    Lock g(playMutex());
+    for (int ch = 0; ch < 2; ch++) stopChannelLocked(ch);
+    PlayState& s = S();
+    s.mix = s.mixstep = 0;
+    s.fade = s.fadeStep = s.fadeWait = 0;
+    s.fading = false;
+    s.fadeCode = nullptr;
+    s.playingVariable = 0;
+    s.samplesIntoTrack = 0;
+    s.randomMode = 0;
+    s.dropout = 0;
+}
+
+void getSamples(int16_t* dest, int frames) {
+    PlayState& s = S();
+    if (!s.playingVariable) {
+        for (int i = 0; i < frames * 2; i++) dest[i] = 1;
+        return;
+    }
+    s.samplesIntoTrack += frames;
+    Lock g(playMutex());
+    if (frames > static_cast<int>(sizeof s.segueBuffer / 4)) frames = sizeof s.segueBuffer / 4;
+    const bool b0 = busy(0), b1 = busy(1);
+    if (b0 != b1) {
+        int ch = b0 ? 0 : 1;
+        int source = s.channel[ch].source;
+        int n = getChannelSamples(ch, dest, frames);
+        if (n == 0 && source != SRC_IDLE && isClassical() &&
+            isLastTrackOfAlbum(idToTrack(lib().currentID))) {
+            addEvent(87);
+        }
+        startNext(ch);
+    } else if (b0 && b1 && (getSegueMode() != 0 || (!s.channel[0].nearEOF && !s.channel[1].nearEOF))) {
+        getChannelSamples(0, dest, frames);
+        getChannelSamples(1, s.segueBuffer, frames);
+        outputmix(dest, s.segueBuffer, frames);
+        if (s.mixstep <= 0 && s.mix <= 0) {
+            stopChannelLocked(1);
+        } else if (s.mixstep > 0 && s.mix > 0x7FFEFFFF) {
+            stopChannelLocked(0);
+        }
+    } else if (b0 && b1) {
+        // Segue off: the old track plays to its last frame and the new one
+        // takes over within the same period.
+        int oldCh = s.mixstep <= 0 ? 1 : 0;
+        int newCh = 1 - oldCh;
+        int n = getChannelSamples(oldCh, dest, frames);
+        if (n < frames) {
+            kzLog(oldCh == 1 ? "getSamples () switching stopChannel (1)\n"
+                             : "getSamples () switching - stopChannel(0)\n");
+            getChannelSamples(newCh, dest + n * 2, frames - n);
+            stopChannelLocked(oldCh);
+            s.samplesIntoTrack = frames - n;
+        }
+    } else {
+        for (int i = 0; i < frames * 2; i++) dest[i] = 1;
+    }
+    if (s.fading) fadeInOut(dest, frames);
+}
+
+void outputmix(int16_t* primary, const int16_t* secondary, int frames) {
+    PlayState& s = S();
+    for (int f = 0; f < frames; f++) {
+        int32_t g = s.mix >> 17;
+        for (int c = 0; c < 2; c++) {
+            int32_t out = primary[2 * f + c];
+            out = out + (((secondary[2 * f + c] - out) * g) >> 14);
+            primary[2 * f + c] = static_cast<int16_t>(out);
+        }
+        s.mix = step(s.mix, s.mixstep);
+    }
+}
+
+void fadeIn(void (*done)()) {
+    Lock g(playMutex());
+    S().fade = 0;
+    S().fadeStep = 97388;
+    S().fadeCode = done;
+    S().fadeWait = 0;
+    S().fading = true;
+}
+
+void fadeOut(void (*done)()) {
+    Lock g(playMutex());
+    S().fade = kMixFull;
+    S().fadeStep = -97388;
+    S().fadeCode = done;
+    S().fadeWait = 0;
+    S().fading = true;
+}
+
+void fadeInOut(int16_t* samples, int frames) {
+    PlayState& s = S();
+    auto finish = [&s] {
+        s.fading = false;
+        void (*code)() = s.fadeCode;
+        s.fadeCode = nullptr;
+        if (code) code();
+    };
+    if (s.fadeWait > 0) {
+        memset(samples, 0, static_cast<size_t>(frames) * 4);
+        if (--s.fadeWait == 0) finish();
+        return;
+    }
+    for (int f = 0; f < frames; f++) {
+        int32_t g = s.fade >> 16;
+        samples[2 * f] = static_cast<int16_t>((samples[2 * f] * g) >> 15);
+        samples[2 * f + 1] = static_cast<int16_t>((samples[2 * f + 1] * g) >> 15);
+        s.fade = step(s.fade, s.fadeStep);
+        if (s.fadeStep > 0 && s.fade > 0x7FFEFFFF) {
+            finish();
+            return;
+        }
+        if (s.fadeStep < 0 && s.fade == 0) {
+            memset(samples + 2 * (f + 1), 0, static_cast<size_t>(frames - f - 1) * 4);
+            s.fadeWait = 7;
+            return;
+        }
+    }
+}
+
+int getSegueStep() { return getSegueMode() == 1 ? 20000 : 80000; }
+int getSegueThreshold() { return getSegueMode() == 2 ? 2 : 4; }
+
+int prepareSegue2() {
+    Lock g(playMutex());
+    PlayState& s = S();
+    const bool b0 = busy(0), b1 = busy(1);
+    if (!b0 && !b1) {
+        s.mix = 0;
+        s.mixstep = 0;
+        return 0;
+    }
+    if (b0 && !b1) {
+        s.mix = 0;
+        s.mixstep = getSegueStep();
+        return 1;
+    }
+    if (!b0 && b1) {
+        s.mix = kMixFull;
+        s.mixstep = -getSegueStep();
+        return 0;
+    }
+    kzLog("********Cannot Segue while both channels playing****\n");
+    if (s.mixstep <= 0) {
+        s.mixstep = getSegueStep();
+        return 1;
+    }
+    s.mixstep = -getSegueStep();
+    return 0;
+}
+
+int prepareSegue() {
+    Lock g(playMutex());
+    if (busy(0) && busy(1)) {
+        kzLog("********Cannot Segue while both channels playing****\n");
+        stopChannelLocked(0);
+        S().mix = kMixFull;
+        S().mixstep = -getSegueStep();
+        return 0;
+    }
+    return prepareSegue2();
+}
+
+int whichSegue() { return busy(0) && !busy(1) ? 1 : 0; }
+int inSegue() { return busy(0) && busy(1) ? 1 : 0; }
+
+int timeToEOF(int ch) {
+    const PlayChannel& c = S().channel[ch];
+    switch (c.source) {
+        case SRC_FLAC:
+            return c.playPipe >= 0 ? decoderPipes().pipeTimeToEOF(c.playPipe) : 1000;
+        case SRC_WAV:
+            return static_cast<int>((c.trackFileLength / 4 - S().samplesIntoTrack) / 44100);
+        case SRC_PIPE:
+            return fetchFeeder().trackTimeToEOF(ch);
+        default:
+            return 1000;
+    }
+}
+
+void startNext(int ch) {
+    PlayChannel& c = S().channel[ch];
+    if (!S().playingVariable || c.nearEOF || c.source == SRC_IDLE) return;
+    if (timeToEOF(ch) <= getSegueThreshold()) {
+        c.nearEOF = 1;
+        addEvent(74);
+        kzLog("NEXTEVENT in startNext (%d)\n", ch);
+    }
+}
+
+int getChannelSource(int ch) { return S().channel[ch].source; }
+
+const char* getSourceType(int ch) {
+    switch (S().channel[ch].source) {
+        case SRC_WAV:
+            return "WAV";
+        case SRC_MP3:
+            return "MP3";
+        case SRC_FLAC:
+            return "FLAC";
+        case SRC_RADIO:
+            return "Radio";
+        case SRC_CD:
+            return "CD";
+        case SRC_PIPE:
+            return "PIPE";
+        case SRC_BROWSER:
+            return "Browser";
+        default:
+            return "UNKNOWN";
+    }
+}
+
+int32_t getMix() { return S().mix; }
+int32_t getMixStep() { return S().mixstep; }
+bool isFading() { return S().fading; }
+
+int startPlayingTrack(const std::string& path) {
+    if (inSegue()) stopPlayNoMute();
+    int ch = prepareSegue2();
+    {
+        Lock g(playMutex());
+        if (busy(ch)) stopChannelLocked(ch);
+    }
+    // Starting a decoder may wait for an old child: not under the lock the
+    // output thread needs every period.
+    int slot = fetchFeeder().startTrackDecoder(ch, path);
+    if (slot < 0) {
+        kzLog("startPlayingTrack () cannot play %s\n", path.c_str());
+        return 0;
+    }
+    Lock g(playMutex());
+    PlayChannel& c = S().channel[ch];
+    c.source = SRC_PIPE;
+    c.playPipe = slot;
+    c.nearEOF = 0;
+    c.trackId = lib().currentID;
+    S().samplesIntoTrack = 0;
+    S().dropout = 0;
+    S().playingVariable = 1;
+    kzInfo("startPlayingTrack () %s on channel %d\n", path.c_str(), ch);
+    return 1;
+}
+
+int startPlayingRaw(const std::string& path) {
+    FILE* f = fopen(path.c_str(), "rb");
+    if (!f) {
+        kzLog("startPlayingRaw () cannot open %s\n", path.c_str());
+        return 0;
+    }
+    fseek(f, 0, SEEK_END);
+    long long length = ftell(f);
+    fseek(f, 0, SEEK_SET);
+    if (inSegue()) stopPlayNoMute();
+    int ch = prepareSegue2();
+    Lock g(playMutex());
+    if (busy(ch)) stopChannelLocked(ch);
+    PlayChannel& c = S().channel[ch];
+    c.source = SRC_WAV;
+    c.pcmf = f;
+    c.trackFileLength = length;
+    S().samplesIntoTrack = 0;
+    S().playingVariable = 1;
+    return 1;
+}
+
+int startPlayingLocalID(int id) {
+    if (idIsTrack(id)) return playTrackIndex(idToTrack(id));
+    if (idIsAlbum(id)) {
+        int a = idToAlbum(id);
+        if (a < 0 || a >= getAlbumCount()) return 0;
+        std::vector<int> tracks = albumTracks(a);
+        if (tracks.empty()) {
+            kzLog("startPlayingLocalID () album %d has no tracks\n", a);
+            return 0;
+        }
+        return playTrackIndex(tracks.front());
+    }
+    if (idIsArtist(id)) {
+        int r = idToArtist(id);
+        for (int a = 0; a < getAlbumCount(); a++) {
+            if (getAlbumArtist(a) == r && !albumTracks(a).empty()) {
+                return startPlayingLocalID(albumToID(a));
+            }
+        }
+        kzLog("startPlayingLocalID () artist %d has no tracks\n", r);
+        return 0;
+    }
+    kzLog("startPlayingLocalID () cannot play %d\n", id);
+    return 0;
+}
+
+int startPlayingID(int id) {
+    if (idIsUSBTrack(id)) {
+        int t = idToUSBTrack(id);
+        if (t < 0 || t >= getUSBTrackcount()) return 0;
+        lib().currentID = id;
+        return startPlayingTrack(getUSBTrackPath(t));
+    }
+    return startPlayingLocalID(id);
+}
+
+int startPlayingNext() {
+    int t = idToTrack(lib().currentID);
+    if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
+    if (S().randomMode && getTrackCount() > 0) {
+        static std::mt19937 rng{std::random_device{}()};
+        return playTrackIndex(static_cast<int>(rng() % getTrackCount()));
+    }
+    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    auto it = std::find(tracks.begin(), tracks.end(), t);
+    if (it != tracks.end() && it + 1 != tracks.end()) return playTrackIndex(*(it + 1));
+    // After an album's last track comes the next album's first.
+    for (int a = getParentAlbum(t) + 1; a < getAlbumCount(); a++) {
+        std::vector<int> next = albumTracks(a);
+        if (!next.empty()) return playTrackIndex(next.front());
+    }
+    return 0;
+}
+
+int startPlayingPrev() {
+    int t = idToTrack(lib().currentID);
+    if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
+    // A few seconds in, "previous" means this track from its start.
+    if (isPlaying() && getTimeIntoTrack() > 3) return playTrackIndex(t);
+    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    auto it = std::find(tracks.begin(), tracks.end(), t);
+    if (it != tracks.end() && it != tracks.begin()) return playTrackIndex(*(it - 1));
+    return playTrackIndex(t);
+}
+
+void playStop() {
+    if (isPlaying()) {
+        fadeOut(stopCode);
+    } else {
+        startPlayingID(lib().currentID);
+    }
+}
+
+void stopPlayNoMute() {
+    Lock g(playMutex());
+    for (int ch = 0; ch < 2; ch++) stopChannelLocked(ch);
+    S().fading = false;
+    S().fadeWait = 0;
+    S().playingVariable = 0;
+}
+
+void stopPlay() { stopPlayNoMute(); }
+
+void stopChannel(int ch) {
+    Lock g(playMutex());
+    stopChannelLocked(ch);
+}
+
+bool isPlaying() { return S().playingVariable != 0; }
+
+int currentChannel() {
+    if (busy(0) && busy(1)) return S().mixstep > 0 ? 1 : 0;
+    return busy(1) ? 1 : 0;
+}
+
+int getSelectedSource() { return S().selectedSource; }
+
+void selectSourceRaw(int source) {
+    kzLog("selectSourceRaw ()\n");
+    if (source != S().selectedSource) {
+        stopPlayNoMute();
+        decoderPipes().radioSelected = source == SEL_RADIO;
+    }
+    S().selectedSource = source;
+}
+
+void selectSource(int source) { selectSourceRaw(source); }
+void selectHDD() { selectSource(SEL_HDD); }
+void selectCD() { selectSource(SEL_CD); }
+void selectAUX() { selectSource(SEL_AUX); }
+void selectRADIO() { selectSource(SEL_RADIO); }
+void selectWeb() { selectSource(SEL_WEB); }
+void setRandomMode(int on) { S().randomMode = on; }
+int getRandomMode() { return S().randomMode; }
+
+int getTimeIntoTrack() { return static_cast<int>(S().samplesIntoTrack / 44100); }
+
+int getDuration() {
+    const PlayChannel& c = S().channel[currentChannel()];
+    return c.playPipe >= 0 ? decoderPipes().getPipeDuration(c.playPipe) : 0;
+}
+
+int getTimeLeft() {
+    int left = getDuration() - getTimeIntoTrack();
+    return left < 0 ? 0 : left;
+}
+
+int getPercentageProgress() {
+    int d = getDuration();
+    return d > 0 ? std::min(100, getTimeIntoTrack() * 100 / d) : 0;
+}
+
+int seek(int position) {
+    int ch = currentChannel();
+    if (S().channel[ch].source != SRC_PIPE) return 0;
+    if (!fetchFeeder().seek(ch, position)) return 0;
+    S().samplesIntoTrack = static_cast<long long>(getDuration()) * position / 1000 * 44100;
+    return 1;
+}

@@ -1,0 +1,96 @@
+// Playback control: what plays, on which of the two channels, and how the
+// channels are mixed. getSamples, called by the output thread once a period,
+// pulls each busy channel's samples, crossfades between them, fades, and asks
+// for the next track when the current one nears its end (event 74).
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+enum ChannelSource {
+    SRC_IDLE = 0,
+    SRC_WAV = 1,
+    SRC_MP3 = 2,
+    SRC_FLAC = 3,
+    SRC_RADIO = 4,
+    SRC_TONE = 5,
+    SRC_AUX = 6,
+    SRC_BLUETOOTH = 8,
+    SRC_CD = 9,
+    SRC_PIPE = 10,
+    SRC_BROWSER = 11,
+    SRC_VIDEO = 12,
+};
+
+enum SelectedSource {
+    SEL_HDD = 0,
+    SEL_CD = 1,
+    SEL_BLUETOOTH = 2,
+    SEL_AUX = 3,
+    SEL_RADIO = 4,
+    SEL_WEB = 5,
+    SEL_YOUTUBE = 6,
+    SEL_PODCAST = 7,
+};
+
+constexpr int32_t kMixFull = 0x7FFF0000;
+
+// Both channels idle, nothing playing, the start-up source chosen.
+void resetPlayback();
+
+void getSamples(int16_t* dest, int frames);
+// Mixes secondary into primary by the running crossfade (16-bit stereo).
+void outputmix(int16_t* primary, const int16_t* secondary, int frames);
+void fadeInOut(int16_t* samples, int frames);
+void fadeIn(void (*done)());
+void fadeOut(void (*done)());
+
+int prepareSegue();
+int prepareSegue2();
+int whichSegue();
+int inSegue();
+int getSegueStep();
+int getSegueThreshold();
+int timeToEOF(int channel);
+void startNext(int channel);
+
+int getChannelSource(int channel);
+const char* getSourceType(int channel);
+int32_t getMix();
+int32_t getMixStep();
+bool isFading();
+
+// Starting and stopping.
+int startPlayingTrack(const std::string& path);
+// Plays a file of raw 16-bit stereo frames at 44100 Hz (chimes, tests).
+int startPlayingRaw(const std::string& path);
+int startPlayingID(int id);
+int startPlayingLocalID(int id);
+int startPlayingNext();
+int startPlayingPrev();
+void playStop();
+void stopPlay();
+void stopPlayNoMute();
+void stopChannel(int channel);
+bool isPlaying();
+// The channel the listener hears most of (the newest track while fading).
+int currentChannel();
+
+int getSelectedSource();
+void selectSourceRaw(int source);
+void selectSource(int source);
+void selectHDD();
+void selectCD();
+void selectAUX();
+void selectRADIO();
+void selectWeb();
+void setRandomMode(int on);
+int getRandomMode();
+
+// Seconds.
+int getTimeIntoTrack();
+int getTimeLeft();
+int getDuration();
+int getPercentageProgress();
+// position in thousandths of the track.
+int seek(int position);
