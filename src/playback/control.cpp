@@ -13,9 +13,9 @@
 #include "library/library.h"
 #include "library/settings.h"
 #include "playback/ffwd.h"
+#include "playback/output.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
-#include "playback/output.h"
 
 namespace {
 
@@ -52,7 +52,9 @@ PlayState& S() {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-bool busy(int ch) { return S().channel[ch].source != SRC_IDLE; }
+bool busy(int ch) {
+    return S().channel[ch].source != SRC_IDLE;
+}
 
 // Adds with wrap-around and clamps as the crossfade and the fade do: a
 // negative result means it ran past an end.
@@ -101,7 +103,8 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
             // A decoder that has finished and delivered everything ends the
             // channel's track.
             if (n == 0 && c.playPipe >= 0 && !decoderPipes().pipeRunning(c.playPipe) &&
-                decoderPipes().getPipeOccupancy(c.playPipe) == 0 && !decoderPipes().isPipeStarting(c.playPipe)) {
+                decoderPipes().getPipeOccupancy(c.playPipe) == 0 &&
+                !decoderPipes().isPipeStarting(c.playPipe)) {
                 memset(dst, 0, static_cast<size_t>(frames) * 4);
                 stopChannelLocked(ch);
                 return 0;
@@ -152,7 +155,8 @@ std::recursive_mutex& playMutex() {
 
 void resetPlayback() {
     Lock g(playMutex());
-    for (int ch = 0; ch < 2; ch++) stopChannelLocked(ch);
+    for (int ch = 0; ch < 2; ch++)
+        stopChannelLocked(ch);
     PlayState& s = S();
     s.mix = s.mixstep = 0;
     s.fade = s.fadeStep = s.fadeWait = 0;
@@ -167,7 +171,8 @@ void resetPlayback() {
 void getSamples(int16_t* dest, int frames) {
     PlayState& s = S();
     if (!s.playingVariable) {
-        for (int i = 0; i < frames * 2; i++) dest[i] = 1;
+        for (int i = 0; i < frames * 2; i++)
+            dest[i] = 1;
         return;
     }
     s.samplesIntoTrack += frames;
@@ -183,7 +188,8 @@ void getSamples(int16_t* dest, int frames) {
             addEvent(87);
         }
         startNext(ch);
-    } else if (b0 && b1 && (getSegueMode() != 0 || (!s.channel[0].nearEOF && !s.channel[1].nearEOF))) {
+    } else if (b0 && b1 &&
+               (getSegueMode() != 0 || (!s.channel[0].nearEOF && !s.channel[1].nearEOF))) {
         getChannelSamples(0, dest, frames);
         getChannelSamples(1, s.segueBuffer, frames);
         outputmix(dest, s.segueBuffer, frames);
@@ -206,7 +212,8 @@ void getSamples(int16_t* dest, int frames) {
             s.samplesIntoTrack = frames - n;
         }
     } else {
-        for (int i = 0; i < frames * 2; i++) dest[i] = 1;
+        for (int i = 0; i < frames * 2; i++)
+            dest[i] = 1;
     }
     if (s.fading) fadeInOut(dest, frames);
 }
@@ -272,8 +279,12 @@ void fadeInOut(int16_t* samples, int frames) {
     }
 }
 
-int getSegueStep() { return getSegueMode() == 1 ? 20000 : 80000; }
-int getSegueThreshold() { return getSegueMode() == 2 ? 2 : 4; }
+int getSegueStep() {
+    return getSegueMode() == 1 ? 20000 : 80000;
+}
+int getSegueThreshold() {
+    return getSegueMode() == 2 ? 2 : 4;
+}
 
 int prepareSegue2() {
     Lock g(playMutex());
@@ -315,8 +326,12 @@ int prepareSegue() {
     return prepareSegue2();
 }
 
-int whichSegue() { return busy(0) && !busy(1) ? 1 : 0; }
-int inSegue() { return busy(0) && busy(1) ? 1 : 0; }
+int whichSegue() {
+    return busy(0) && !busy(1) ? 1 : 0;
+}
+int inSegue() {
+    return busy(0) && busy(1) ? 1 : 0;
+}
 
 int timeToEOF(int ch) {
     const PlayChannel& c = S().channel[ch];
@@ -342,7 +357,9 @@ void startNext(int ch) {
     }
 }
 
-int getChannelSource(int ch) { return S().channel[ch].source; }
+int getChannelSource(int ch) {
+    return S().channel[ch].source;
+}
 
 const char* getSourceType(int ch) {
     switch (S().channel[ch].source) {
@@ -365,9 +382,15 @@ const char* getSourceType(int ch) {
     }
 }
 
-int32_t getMix() { return S().mix; }
-int32_t getMixStep() { return S().mixstep; }
-bool isFading() { return S().fading; }
+int32_t getMix() {
+    return S().mix;
+}
+int32_t getMixStep() {
+    return S().mixstep;
+}
+bool isFading() {
+    return S().fading;
+}
 
 int startPlayingTrack(const std::string& path) {
     if (inSegue()) stopPlayNoMute();
@@ -493,27 +516,34 @@ void playStop() {
 
 void stopPlayNoMute() {
     Lock g(playMutex());
-    for (int ch = 0; ch < 2; ch++) stopChannelLocked(ch);
+    for (int ch = 0; ch < 2; ch++)
+        stopChannelLocked(ch);
     S().fading = false;
     S().fadeWait = 0;
     S().playingVariable = 0;
 }
 
-void stopPlay() { stopPlayNoMute(); }
+void stopPlay() {
+    stopPlayNoMute();
+}
 
 void stopChannel(int ch) {
     Lock g(playMutex());
     stopChannelLocked(ch);
 }
 
-bool isPlaying() { return S().playingVariable != 0; }
+bool isPlaying() {
+    return S().playingVariable != 0;
+}
 
 int currentChannel() {
     if (busy(0) && busy(1)) return S().mixstep > 0 ? 1 : 0;
     return busy(1) ? 1 : 0;
 }
 
-int getSelectedSource() { return S().selectedSource; }
+int getSelectedSource() {
+    return S().selectedSource;
+}
 
 void selectSourceRaw(int source) {
     kzLog("selectSourceRaw ()\n");
@@ -524,16 +554,34 @@ void selectSourceRaw(int source) {
     S().selectedSource = source;
 }
 
-void selectSource(int source) { selectSourceRaw(source); }
-void selectHDD() { selectSource(SEL_HDD); }
-void selectCD() { selectSource(SEL_CD); }
-void selectAUX() { selectSource(SEL_AUX); }
-void selectRADIO() { selectSource(SEL_RADIO); }
-void selectWeb() { selectSource(SEL_WEB); }
-void setRandomMode(int on) { S().randomMode = on; }
-int getRandomMode() { return S().randomMode; }
+void selectSource(int source) {
+    selectSourceRaw(source);
+}
+void selectHDD() {
+    selectSource(SEL_HDD);
+}
+void selectCD() {
+    selectSource(SEL_CD);
+}
+void selectAUX() {
+    selectSource(SEL_AUX);
+}
+void selectRADIO() {
+    selectSource(SEL_RADIO);
+}
+void selectWeb() {
+    selectSource(SEL_WEB);
+}
+void setRandomMode(int on) {
+    S().randomMode = on;
+}
+int getRandomMode() {
+    return S().randomMode;
+}
 
-int getTimeIntoTrack() { return static_cast<int>(S().samplesIntoTrack / 44100); }
+int getTimeIntoTrack() {
+    return static_cast<int>(S().samplesIntoTrack / 44100);
+}
 
 int getDuration() {
     const PlayChannel& c = S().channel[currentChannel()];

@@ -15,7 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class ControlTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir = fs::temp_directory_path() / ("kz-control-" + std::to_string(getpid()));
         fs::create_directories(dir);
@@ -43,7 +43,8 @@ protected:
     }
     std::vector<int> events() {
         std::vector<int> codes;
-        while (uiQ().length() > 0) codes.push_back(uiQ().waitEvent());
+        while (uiQ().length() > 0)
+            codes.push_back(uiQ().waitEvent());
         return codes;
     }
     fs::path dir;
@@ -104,8 +105,10 @@ TEST_F(ControlTest, SegueOffHandsOverWithoutGapOrOverlap) {
     }
     // Every frame is one or the other (or their mix), never silence between.
     size_t firstNew = 0;
-    while (firstNew < all.size() && all[firstNew] != 200) firstNew += 2;
-    for (size_t i = 0; i < firstNew; i += 2) EXPECT_NE(all[i], 0) << i / 2;
+    while (firstNew < all.size() && all[firstNew] != 200)
+        firstNew += 2;
+    for (size_t i = 0; i < firstNew; i += 2)
+        EXPECT_NE(all[i], 0) << i / 2;
 }
 
 TEST_F(ControlTest, NextTrackIsAskedForAtTheThreshold) {
@@ -140,7 +143,8 @@ TEST_F(ControlTest, FadeOutEndsWithSevenSilentPeriodsThenItsCompletion) {
         auto p = period();
         periods++;
         if (periods > 22 && periods <= 29) {
-            EXPECT_TRUE(std::all_of(p.begin(), p.end(), [](int16_t s) { return s == 0; })) << periods;
+            EXPECT_TRUE(std::all_of(p.begin(), p.end(), [](int16_t s) { return s == 0; }))
+                << periods;
         }
     }
     EXPECT_EQ(periods, 22 + 7);
@@ -150,7 +154,8 @@ TEST_F(ControlTest, FadeOutEndsWithSevenSilentPeriodsThenItsCompletion) {
     fadeIn(nullptr);
     auto p = period();
     EXPECT_LT(p[0], 100);
-    for (int i = 0; i < 25; i++) p = period();
+    for (int i = 0; i < 25; i++)
+        p = period();
     EXPECT_GE(p.back(), 19990);
     EXPECT_FALSE(isFading());
 }

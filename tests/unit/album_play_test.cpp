@@ -1,0 +1,85 @@
+// An album of three tones played through real decoders: what comes out of the
+// output callback is each tone in album order, crossfaded by the segue mode.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "core/events.h"
+#include "library/ids.h"
+#include "library/library.h"
+#include "library/scan.h"
+#include "library/settings.h"
+#include "playback/control.h"
+#include "tests/unit/decoder_fixture.h"
+
+namespace {
+
+using decoder_test::DecoderTest;
+using decoder_test::makeAudio;
+using decoder_test::testRoot;
+
+// The frequency of a stretch of the left channel, from its zero crossings.
+double frequency(const std::vector<int16_t>& s, size_t from, size_t frames) {
+    int crossings = 0;
+    for (size_t i = from + 1; i < from + frames; i++) {
+        if ((s[2 * (i - 1)] < 0) != (s[2 * i] < 0)) crossings++;
+    }
+    return crossings * 44100.0 / 2 / static_cast<double>(frames);
+}
+
+class AlbumPlayTest : public DecoderTest {};
+
+TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
+    std::string root = testRoot() + "/lib";
+    std::string album = root + "/music/Tones/Three";
+    std::filesystem::create_directories(album);
+    // Out of table order on purpose: the track numbers decide.
+    makeAudio(album + "/03 High.mp3", "sine=frequency=880:duration=3", {"-ac", "2", "-ar", "44100"});
+    makeAudio(album + "/01 Low.wav", "sine=frequency=440:duration=3", {"-ac", "2", "-ar", "44100"});
+    makeAudio(album + "/02 Mid.flac", "sine=frequency=660:duration=3", {"-ac", "2", "-ar", "44100"});
+    initmdb(root);
+    resetSettings();
+    setSegue(2);
+    scanLocalEnabled = 1;
+    scanDB();
+    resetPlayback();
+    uiQInit();
+
+    ASSERT_EQ(startPlayingID(albumToID(0)), 1);
+    std::vector<int16_t> out;
+    std::vector<int16_t> p(2048);
+    // Pull at about twice real time, answering the next-track event as
+    // the main loop does, until the album has played out.
+    for (int i = 0; i < 2000 && (isPlaying() || out.empty()); i++) {
+        getSamples(p.data(), 1024);
+        out.insert(out.end(), p.begin(), p.end());
+        while (uiQ().length() > 0) {
+            if (uiQ().waitEvent() == 74) startPlayingNext();
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(11600));
+    }
+    ASSERT_FALSE(isPlaying());
+    // Skip the start (and any priming silence), then find each tone in turn.
+    std::vector<double> seen;
+    size_t frames = out.size() / 2;
+    for (size_t at = 0; at + 4410 < frames; at += 4410) {
+        double f = frequency(out, at, 4410);
+        if (f < 100) continue;
+        for (double tone : {440.0, 660.0, 880.0}) {
+            if (std::fabs(f - tone) < 15 && (seen.empty() || seen.back() != tone)) seen.push_back(tone);
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<double>{440.0, 660.0, 880.0}));
+    // Each track is asked to be followed about 2 s before its end and is gone
+    // once the 0.6 s crossfade is over: 9 s of tones less about 2 x 1.4 s
+    // (pulled faster than real time, the end is judged a little early).
+    double seconds = 0;
+    for (size_t i = 0; i < frames; i++) {
+        if (out[2 * i] != 0 && out[2 * i] != 1) seconds += 1.0 / 44100;
+    }
+    EXPECT_GT(seconds, 4.2);
+    EXPECT_LT(seconds, 6.7);
+    killFfmpegs();
+}
+
+}  // namespace
