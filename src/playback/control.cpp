@@ -16,6 +16,7 @@
 #include "playback/output.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
+#include "web/web.h"
 
 namespace {
 
@@ -170,6 +171,7 @@ void resetPlayback() {
 
 void getSamples(int16_t* dest, int frames) {
     PlayState& s = S();
+    if (getWebSamples(dest, frames)) return;
     if (!s.playingVariable) {
         for (int i = 0; i < frames * 2; i++)
             dest[i] = 1;

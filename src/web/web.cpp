@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -14,9 +15,12 @@
 #include "core/events.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/ui.h"
 #include "library/library.h"
 #include "library/names.h"
+#include "playback/control.h"
 #include "playback/playback.h"
+#include "playback/smartbuffer.h"
 #include "web/params.h"
 #include "web/upload.h"
 
@@ -40,6 +44,9 @@ struct WebState {
     StdinParser stdinParser;
 };
 std::unique_ptr<WebState> web;
+std::unique_ptr<SmartBuffer> webBuffer;
+std::mutex titleMutex;
+std::string webTitle;
 
 long freeKilobytes() {
     struct statvfs vfs;
@@ -78,6 +85,42 @@ void webUpload(const char* uri, FcgiReply* reply) {
     reply->text = web->jsonReply;
 }
 
+void webStartWebAudio(const char* uri, FcgiReply* reply) {
+    const char* value = findParameter(uri, "&buffer=");
+    int latency = value ? atoi(value) : 1000;
+    web->stdinParser.latencyMs = latency > 0 ? latency : 1000;
+    webBuffer->clear();
+    web->stdinParser.audioRunning = false;
+    getWebSamplesRunning = 0;
+    getWebSamplesEnabled = 1;
+    selectWeb();
+    reply->text = "\"OK\"";
+}
+
+void webStopWebAudio(FcgiReply* reply) {
+    getWebSamplesEnabled = 0;
+    getWebSamplesRunning = 0;
+    webBuffer->clear();
+    stopPlay();
+    selectHDD();
+    reply->text = "\"OK\"";
+}
+
+void webBlob(const char* uri, FcgiReply* reply) {
+    const char* value = findParameter(uri, "&title=");
+    char title[200] = "";
+    if (value) stripPercentagesFromURL(title, value, sizeof title);
+    {
+        std::lock_guard<std::mutex> g(titleMutex);
+        if (webTitle != title) {
+            webTitle = title;
+            refreshUI();
+        }
+    }
+    web->stdinParser.armAudio();
+    reply->text = getWebSamplesEnabled ? "\"OK\"" : "\"Stopped\"";
+}
+
 void webCheckUpload(FcgiReply* reply) {
     if (web->stdinParser.uploadFailed) {
         kzLog("webCheckUpload () reporting false\n");
@@ -96,6 +139,9 @@ void listener() {
         return;
     }
     std::string path = webSocketPath();
+    // A fresh host root has no /var/run yet.
+    if (isHostMode())
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
@@ -137,6 +183,12 @@ std::string webSocketPath() {
 void initWeb() {
     if (web) return;
     web = std::make_unique<WebState>();
+    webBuffer = std::make_unique<SmartBuffer>(kWebBufferSlots);
+    StdinParser::AudioSink& sink = web->stdinParser.audio;
+    sink.enabled = [] { return getWebSamplesEnabled != 0; };
+    sink.put = [](const uint8_t* frames, int count) { webBuffer->dumbPut(count, frames); };
+    sink.held = [] { return webBuffer->used(); };
+    sink.capacity = kWebBufferSlots;
     fwthreadEnabled = 1;
     try {
         std::thread(listener).detach();
@@ -183,6 +235,7 @@ void fastConnectionHandler(int fd) {
             }
         } else if (type == FCGI_STDIN) {
             w.stdinParser.process(w.fastDataBuffer, length);
+            if (w.stdinParser.audioRunning) getWebSamplesRunning = 1;
             if (length == 0 && deferred) {
                 deferred = false;
                 reply.text = deferredText.c_str();
@@ -196,13 +249,34 @@ void fastConnectionHandler(int fd) {
 void webDispatch(const char* uri, FcgiReply* reply) {
     reply->text = "thanks\n";
     reply->blob = reply->file = false;
-    if (strstr(uri, "getWebDebug")) {
+    if (strstr(uri, "startWebAudio")) {
+        webStartWebAudio(uri, reply);
+    } else if (strstr(uri, "stopWebAudio")) {
+        webStopWebAudio(reply);
+    } else if (strstr(uri, "blob")) {
+        webBlob(uri, reply);
+    } else if (strstr(uri, "getWebDebug")) {
         webGetWebDebug(reply);
     } else if (strstr(uri, "upload")) {
         webUpload(uri, reply);
     } else if (strstr(uri, "checkUpload")) {
         webCheckUpload(reply);
     }
+}
+
+bool getWebSamples(int16_t* dest, int frames) {
+    if (!getWebSamplesRunning || !webBuffer) return false;
+    // Ran dry: the buffer starts again empty, and this period is silence.
+    if (!webBuffer->dumbGet(frames, dest)) {
+        for (int i = 0; i < frames * 2; i++)
+            dest[i] = 1;
+    }
+    return true;
+}
+
+std::string getWebTitle() {
+    std::lock_guard<std::mutex> g(titleMutex);
+    return webTitle.empty() ? "Browser" : webTitle;
 }
 
 void wakeAndAddEvent(int code) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 #include "web/fastcgi.h"
@@ -32,3 +33,7 @@ bool webRefreshRequested();
 // Browser audio: the web buffer and its state.
 extern std::atomic<int> getWebSamplesEnabled;
 extern std::atomic<int> getWebSamplesRunning;
+// One period of the browser's audio; false while it is not playing.
+bool getWebSamples(int16_t* dest, int frames);
+// The browser stream's title ("Browser" when it has none).
+std::string getWebTitle();

@@ -34,9 +34,11 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
     std::string album = root + "/music/Tones/Three";
     std::filesystem::create_directories(album);
     // Out of table order on purpose: the track numbers decide.
-    makeAudio(album + "/03 High.mp3", "sine=frequency=880:duration=3", {"-ac", "2", "-ar", "44100"});
+    makeAudio(album + "/03 High.mp3", "sine=frequency=880:duration=3",
+              {"-ac", "2", "-ar", "44100"});
     makeAudio(album + "/01 Low.wav", "sine=frequency=440:duration=3", {"-ac", "2", "-ar", "44100"});
-    makeAudio(album + "/02 Mid.flac", "sine=frequency=660:duration=3", {"-ac", "2", "-ar", "44100"});
+    makeAudio(album + "/02 Mid.flac", "sine=frequency=660:duration=3",
+              {"-ac", "2", "-ar", "44100"});
     initmdb(root);
     resetSettings();
     setSegue(2);
@@ -66,7 +68,8 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
         double f = frequency(out, at, 4410);
         if (f < 100) continue;
         for (double tone : {440.0, 660.0, 880.0}) {
-            if (std::fabs(f - tone) < 15 && (seen.empty() || seen.back() != tone)) seen.push_back(tone);
+            if (std::fabs(f - tone) < 15 && (seen.empty() || seen.back() != tone))
+                seen.push_back(tone);
         }
     }
     EXPECT_EQ(seen, (std::vector<double>{440.0, 660.0, 880.0}));
