@@ -126,7 +126,12 @@ void globalHandling(int event) {
         ejectCD();
         failAndExit();
     } else if (event == 45) {
-        notBuilt("CD playback");
+        if (getChannelSource(0) == SRC_CD) {
+            stopPlay();
+        } else if (testUnitReady() == CD_READY) {
+            selectCD();
+            startPlayingCD(0);
+        }
     } else if (event == 49) {
         kzLog("IRBLUETOOTHKEY event\n");
         notBuilt("Bluetooth");

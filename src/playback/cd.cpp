@@ -1,4 +1,130 @@
 #include "playback/cd.h"
 
-void cdInit() {}
-void clearChosenCD() {}
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/log.h"
+#include "playback/smartbuffer.h"
+#include "ripping/cdrom.h"
+
+namespace {
+
+constexpr int kCdBufferSlots = 40000;
+constexpr int kSectorsPerRead = 25;
+constexpr int kFramesPerSector = kSectorBytes / 4;
+
+std::unique_ptr<SmartBuffer> cdSB;
+std::mutex readerMutex;
+std::thread reader;
+std::atomic<bool> readerRun{false};
+std::atomic<bool> readerDone{true};
+std::atomic<int32_t> readLsn{0};
+CdHeader disc;
+
+void readerThread(int first) {
+    CdDrive drive;
+    std::vector<uint8_t> buf(static_cast<size_t>(kSectorsPerRead) * kSectorBytes);
+    int32_t lsn = disc.tracks[first].startLsn;
+    int last = first;
+    while (last + 1 < disc.numTracks() && disc.tracks[last + 1].audio)
+        last++;
+    const int32_t end = disc.tracks[last].endLsn;
+    while (readerRun && lsn <= end && drive.ok()) {
+        int count = std::min<int32_t>(kSectorsPerRead, end - lsn + 1);
+        if (!drive.readAudio(buf.data(), lsn, count)) {
+            kzLog("CD reader: cannot read sector %d\n", lsn);
+            break;
+        }
+        // A sector at a time: a batch larger than the room left above the
+        // consumer's priming mark would wait for ever.
+        for (int i = 0; i < count && readerRun; i++) {
+            cdSB->putW(kFramesPerSector, buf.data() + static_cast<size_t>(i) * kSectorBytes);
+            readLsn = lsn + i + 1;
+        }
+        lsn += count;
+    }
+    readerDone = true;
+}
+
+}  // namespace
+
+void cdInit() {
+    if (!cdSB) cdSB = std::make_unique<SmartBuffer>(kCdBufferSlots);
+}
+
+void stopCDReader() {
+    std::lock_guard<std::mutex> g(readerMutex);
+    readerRun = false;
+    if (cdSB) cdSB->releasePendingPut();
+    if (reader.joinable()) reader.join();
+    if (cdSB) cdSB->clear();
+    readerDone = true;
+}
+
+void requestStopCDReader() {
+    readerRun = false;
+    if (cdSB) cdSB->releasePendingPut();
+}
+
+void clearChosenCD() {
+    stopCDReader();
+}
+
+int startCDReader(int index) {
+    cdInit();
+    stopCDReader();
+    CdHeader header;
+    {
+        CdDrive drive;
+        if (!drive.readHeader(&header)) {
+            kzLog("startCDReader () no readable disc\n");
+            return 0;
+        }
+    }
+    if (index < 0 || index >= header.numTracks() || !header.tracks[index].audio) {
+        kzLog("startCDReader () no audio track %d\n", index);
+        return 0;
+    }
+    std::lock_guard<std::mutex> g(readerMutex);
+    disc = header;
+    readLsn = header.tracks[index].startLsn;
+    readerDone = false;
+    readerRun = true;
+    reader = std::thread(readerThread, index);
+    return 1;
+}
+
+int getCDSamples(int16_t* dst, int frames) {
+    if (!cdSB) return 0;
+    if (readerDone && cdSB->used() == 0) return 0;
+    if (readerDone && cdSB->used() < frames) {
+        // The last sectors of the disc: what is left, then silence.
+        int n = cdSB->used();
+        cdSB->dumbGet(n, dst);
+        for (int i = n * 2; i < frames * 2; i++)
+            dst[i] = 0;
+        return n > 0 ? n : 0;
+    }
+    if (!cdSB->getS(frames, dst)) {
+        for (int i = 0; i < frames * 2; i++)
+            dst[i] = 0;
+    }
+    return frames;
+}
+
+int getCDTrackIndex() {
+    if (readerDone && (!cdSB || cdSB->used() == 0)) return -1;
+    // What is heard lies behind what was read by what the buffer holds.
+    int32_t heard = readLsn - (cdSB ? cdSB->used() / kFramesPerSector : 0);
+    for (int i = disc.numTracks() - 1; i >= 0; i--) {
+        if (heard >= disc.tracks[i].startLsn) return i;
+    }
+    return -1;
+}
+
+int getCDTrackCount() {
+    return disc.numTracks();
+}

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "core/events.h"
@@ -12,6 +13,7 @@
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/settings.h"
+#include "playback/cd.h"
 #include "playback/ffwd.h"
 #include "playback/output.h"
 #include "playback/pipe.h"
@@ -72,6 +74,7 @@ void stopChannelLocked(int ch) {
         if (c.playPipe >= 0) decoderPipes().stopPipe(c.playPipe);
     }
     if (c.pcmf) fclose(c.pcmf);
+    if (c.source == SRC_CD) requestStopCDReader();
     c = PlayChannel();
     if (!busy(0) && !busy(1)) S().playingVariable = 0;
 }
@@ -83,6 +86,14 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
     switch (c.source) {
         case SRC_WAV:
             if (c.pcmf) n = static_cast<int>(fread(dst, 4, static_cast<size_t>(frames), c.pcmf));
+            if (n == 0) {
+                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                stopChannelLocked(ch);
+                return 0;
+            }
+            break;
+        case SRC_CD:
+            n = getCDSamples(dst, frames);
             if (n == 0) {
                 memset(dst, 0, static_cast<size_t>(frames) * 4);
                 stopChannelLocked(ch);
@@ -443,6 +454,19 @@ int startPlayingRaw(const std::string& path) {
     return 1;
 }
 
+int startPlayingCD(int index) {
+    stopPlayNoMute();
+    if (!startCDReader(index)) return 0;
+    Lock g(playMutex());
+    PlayChannel& c = S().channel[0];
+    c.source = SRC_CD;
+    S().mix = 0;
+    S().mixstep = 0;
+    S().samplesIntoTrack = 0;
+    S().playingVariable = 1;
+    return 1;
+}
+
 int startPlayingLocalID(int id) {
     if (idIsTrack(id)) return playTrackIndex(idToTrack(id));
     if (idIsAlbum(id)) {
@@ -480,6 +504,10 @@ int startPlayingID(int id) {
 }
 
 int startPlayingNext() {
+    if (S().channel[0].source == SRC_CD) {
+        int next = getCDTrackIndex() + 1;
+        return next < getCDTrackCount() ? startPlayingCD(next) : 0;
+    }
     int t = idToTrack(lib().currentID);
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
     if (S().randomMode && getTrackCount() > 0) {
@@ -498,6 +526,10 @@ int startPlayingNext() {
 }
 
 int startPlayingPrev() {
+    if (S().channel[0].source == SRC_CD) {
+        int index = getCDTrackIndex();
+        return startPlayingCD(index > 0 ? index - 1 : 0);
+    }
     int t = idToTrack(lib().currentID);
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
     // A few seconds in, "previous" means this track from its start.

@@ -64,6 +64,8 @@ bool isFading();
 int startPlayingTrack(const std::string& path);
 // Plays a file of raw 16-bit stereo frames at 44100 Hz (chimes, tests).
 int startPlayingRaw(const std::string& path);
+// Plays the disc from track index (0 = the first) to the end of its audio.
+int startPlayingCD(int index);
 int startPlayingID(int id);
 int startPlayingLocalID(int id);
 int startPlayingNext();

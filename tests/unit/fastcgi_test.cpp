@@ -27,7 +27,8 @@ std::vector<Record> replyRecords(const FcgiReply& reply) {
     std::thread reader([&] {
         char buf[65536];
         ssize_t n;
-        while ((n = read(fds[1], buf, sizeof buf)) > 0) bytes.append(buf, static_cast<size_t>(n));
+        while ((n = read(fds[1], buf, sizeof buf)) > 0)
+            bytes.append(buf, static_cast<size_t>(n));
     });
     fcgiReply2(fds[0], reply);
     close(fds[0]);
@@ -38,7 +39,8 @@ std::vector<Record> replyRecords(const FcgiReply& reply) {
     while (at + 8 <= bytes.size()) {
         const auto* h = reinterpret_cast<const uint8_t*>(bytes.data() + at);
         int len = h[4] * 256 + h[5];
-        records.push_back({h[1], h[2] * 256 + h[3], bytes.substr(at + 8, static_cast<size_t>(len))});
+        records.push_back(
+            {h[1], h[2] * 256 + h[3], bytes.substr(at + 8, static_cast<size_t>(len))});
         at += 8 + static_cast<size_t>(len) + h[6];
     }
     EXPECT_EQ(at, bytes.size());
@@ -55,7 +57,8 @@ TEST(FcgiReply, TextBlobAndFileModes) {
     EXPECT_EQ(r[1].content, "");
     EXPECT_EQ(r[2].type, FCGI_END_REQUEST);
     EXPECT_EQ(r[2].content, std::string(8, '\0'));
-    for (const Record& rec : r) EXPECT_EQ(rec.id, 1);
+    for (const Record& rec : r)
+        EXPECT_EQ(rec.id, 1);
 
     // A blob of exactly two full records: header, two records, the empty one.
     std::string data(2 * 65535, 'b');
@@ -102,8 +105,8 @@ TEST(FcgiParams, LengthsTruncationAndLies) {
         }
         return out + n + v;
     };
-    std::string rec = pair("HTTP_LONG", std::string(5000, 'x')) + pair("REQUEST_URI", "/api/a%20b") +
-                      pair("CONTENT_LENGTH", "123");
+    std::string rec = pair("HTTP_LONG", std::string(5000, 'x')) +
+                      pair("REQUEST_URI", "/api/a%20b") + pair("CONTENT_LENGTH", "123");
     FcgiParams p;
     parseFcgiParams(reinterpret_cast<const uint8_t*>(rec.data()), static_cast<int>(rec.size()), &p);
     EXPECT_STREQ(p.requestUri, "/api/a%20b");
@@ -113,7 +116,8 @@ TEST(FcgiParams, LengthsTruncationAndLies) {
     // there ends the decoding without reading past the record.
     FcgiParams q;
     std::string longUri = pair("REQUEST_URI", std::string(3000, 'u')) + "\x7f\x7f" + "short";
-    parseFcgiParams(reinterpret_cast<const uint8_t*>(longUri.data()), static_cast<int>(longUri.size()), &q);
+    parseFcgiParams(reinterpret_cast<const uint8_t*>(longUri.data()),
+                    static_cast<int>(longUri.size()), &q);
     EXPECT_EQ(strlen(q.requestUri), 1999u);
 
     char out[16];
