@@ -21,6 +21,7 @@
 #include "playback/control.h"
 #include "playback/playback.h"
 #include "playback/smartbuffer.h"
+#include "web/commands.h"
 #include "web/params.h"
 #include "web/upload.h"
 
@@ -246,20 +247,18 @@ void fastConnectionHandler(int fd) {
     w.stdinParser.connectionEnded();
 }
 
-void webDispatch(const char* uri, FcgiReply* reply) {
-    reply->text = "thanks\n";
-    reply->blob = reply->file = false;
-    if (strstr(uri, "startWebAudio")) {
+void webTransportCommand(const char* uri, const char* from, FcgiReply* reply) {
+    if (strncmp(from, "startWebAudio", 13) == 0) {
         webStartWebAudio(uri, reply);
-    } else if (strstr(uri, "stopWebAudio")) {
+    } else if (strncmp(from, "stopWebAudio", 12) == 0) {
         webStopWebAudio(reply);
-    } else if (strstr(uri, "blob")) {
+    } else if (strncmp(from, "blob", 4) == 0) {
         webBlob(uri, reply);
-    } else if (strstr(uri, "getWebDebug")) {
+    } else if (strncmp(from, "getWebDebug", 11) == 0) {
         webGetWebDebug(reply);
-    } else if (strstr(uri, "upload")) {
+    } else if (strncmp(from, "upload", 6) == 0) {
         webUpload(uri, reply);
-    } else if (strstr(uri, "checkUpload")) {
+    } else if (strncmp(from, "checkUpload", 11) == 0) {
         webCheckUpload(reply);
     }
 }

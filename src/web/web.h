@@ -17,8 +17,9 @@ void closeWeb();
 std::string webSocketPath();
 // Serves one connection to its end.
 void fastConnectionHandler(int fd);
-// Runs the command a request URI names; fills reply.
-void webDispatch(const char* uri, FcgiReply* reply);
+// The commands that move data through this listener (debug log, uploads,
+// browser audio); from is the URI from the command word on.
+void webTransportCommand(const char* uri, const char* from, FcgiReply* reply);
 
 // Wakes the display (event 80), then posts code.
 void wakeAndAddEvent(int code);

@@ -26,7 +26,7 @@ def web(daemon, tmp_path):
     port = free_port()
     subprocess.run([os.path.join(TOP, "scripts", "install-web"), str(root),
                     os.path.join(TOP, "www"), "127.0.0.1", str(port)], check=True)
-    d = daemon(root)
+    d = daemon(root, env={"KZ_PCM": "null"})
     d.wait_for("loadOrScan () finished")
     d.wait_for("Waiting for incoming connections on socket")
     base = f"http://127.0.0.1:{port}"
@@ -132,7 +132,8 @@ def test_raw_records_and_bad_clients(web):
     before = fds()
     for _ in range(200):
         fcgi.call(sock_path, fcgi.request("/api/whatever"))
-    assert fds() <= before
+    # A leak would show as one descriptor a request; allow a passing one.
+    assert fds() <= before + 1
 
 
 def test_browser_audio_comes_out_of_the_output(daemon, tmp_path):

@@ -15,14 +15,15 @@ namespace {
 namespace fs = std::filesystem;
 
 class CdPlayTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir = fs::temp_directory_path() / ("kz-cdplay-" + std::to_string(getpid()));
         fs::create_directories(dir);
         setHostRoot(dir.string());
         // Two tracks: 150 sectors of one pattern, 100 of another.
-        std::string cue = "FILE \"disc.bin\" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n"
-                          "  TRACK 02 AUDIO\n    INDEX 01 00:02:00\n";
+        std::string cue =
+            "FILE \"disc.bin\" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n"
+            "  TRACK 02 AUDIO\n    INDEX 01 00:02:00\n";
         for (int s = 0; s < 250; s++) {
             for (int i = 0; i < kSectorBytes / 2; i++) {
                 int16_t v = static_cast<int16_t>((s < 150 ? 1000 : -2000) + (s * 7 + i) % 500);
