@@ -38,7 +38,8 @@ std::string settingWord(const Request& r) {
     const char* eq = strchr(p, '=');
     const char* amp = strchr(p, '&');
     if (eq && (!amp || eq < amp || amp == p)) p = eq + 1;
-    while (*p == '&' || *p == '/') p++;
+    while (*p == '&' || *p == '/')
+        p++;
     char word[200];
     stripPercentagesFromURL(word, p, sizeof word);
     return word;
@@ -52,7 +53,8 @@ void playByKind(int id) {
         kzLog("Attempting to play USB Track\n");
         startPlayingID(id);
     } else if (idIsUSBAlbum(id) || idIsUSBArtist(id)) {
-        kzLog(idIsUSBAlbum(id) ? "Attempting to play USB Album\n" : "Attempting to play USB Artist\n");
+        kzLog(idIsUSBAlbum(id) ? "Attempting to play USB Album\n"
+                               : "Attempting to play USB Artist\n");
         for (int t = 0; t < getUSBTrackcount(); t++) {
             int a = getUSBParentAlbum(t);
             if ((idIsUSBAlbum(id) && a == idToUSBAlbum(id)) ||
@@ -144,7 +146,9 @@ void webGetParent(const Request& r) {
     r.reply->text = out;
 }
 
-void webAllStop(const Request&) { allStop(); }
+void webAllStop(const Request&) {
+    allStop();
+}
 
 void webSetTone(const Request& r) {
     int bass = getSignedNumber(r.uri, "&bass=");
@@ -169,21 +173,29 @@ void webkTubeDebug(const Request& r) {
     if (command && strncmp(command, "quit", 4) == 0) quitNoSave();
 }
 
-void webBack(const Request&) { wakeAndAddEvent(88); }
+void webBack(const Request&) {
+    wakeAndAddEvent(88);
+}
 void webPlayKey(const Request&) {
     kzLog("web Play key\n");
     kzLog("Web Play Key\n");
     wakeAndAddEvent(89);
 }
-void webNext(const Request&) { wakeAndAddEvent(90); }
-void webEject(const Request&) { wakeAndAddEvent(3); }
+void webNext(const Request&) {
+    wakeAndAddEvent(90);
+}
+void webEject(const Request&) {
+    wakeAndAddEvent(3);
+}
 
 void webVol(const Request& r) {
     if (*r.after < '0' || *r.after > '9') return;
     setVolume(atoi(r.after), 0);
 }
 
-void webTransport(const Request& r) { webTransportCommand(r.uri, r.from, r.reply); }
+void webTransport(const Request& r) {
+    webTransportCommand(r.uri, r.from, r.reply);
+}
 
 struct Command {
     const char* name;
@@ -339,7 +351,8 @@ int getNumericParameter(const char** position, const char* name, int* result) {
     if (strncmp(*position, name, n) != 0) return 0;
     const char* p = *position + n;
     long v = 0;
-    while (*p >= '0' && *p <= '9') v = v * 10 + (*p++ - '0');
+    while (*p >= '0' && *p <= '9')
+        v = v * 10 + (*p++ - '0');
     *result = static_cast<int>(v);
     *position = p;
     return 1;
