@@ -31,7 +31,8 @@ namespace {
 
 std::string raw(const std::string& path, int frames, int16_t value) {
     std::vector<int16_t> data(static_cast<size_t>(frames) * 2, value);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data.data()), data.size() * 2);
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data.data()), data.size() * 2);
     return path;
 }
 
@@ -54,14 +55,17 @@ void benchPeriod(const std::string& work) {
         total += std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
     }
     double us = total / periods;
-    fprintf(stderr, "playback: one 1024-frame period crossfading with fade and tone: %.1f us = %.3f %% of 23.2 ms (target 1 %%)\n",
+    fprintf(stderr,
+            "playback: one 1024-frame period crossfading with fade and tone: %.1f us = %.3f %% of "
+            "23.2 ms (target 1 %%)\n",
             us, us / 232.2);
     resetPlayback();
 }
 
 void benchFirstSound(const std::string& work) {
     std::string mp3 = work + "/tone.mp3";
-    runProgram({"/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=20", "-ac", "2", mp3});
+    runProgram({"/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                "sine=frequency=440:duration=20", "-ac", "2", mp3});
     setHostRoot(work);
     initPipe();
     std::vector<int16_t> buf(2048);
@@ -73,7 +77,8 @@ void benchFirstSound(const std::string& work) {
         for (int i = 0; i < 3000; i++) {
             getSamples(buf.data(), 1024);
             bool sound = false;
-            for (int16_t s : buf) sound |= s != 0 && s != 1;
+            for (int16_t s : buf)
+                sound |= s != 0 && s != 1;
             if (sound) break;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -81,7 +86,8 @@ void benchFirstSound(const std::string& work) {
     }
     resetPlayback();
     killFfmpegs();
-    fprintf(stderr, "playback: play request to first sound (local MP3): %.0f ms (target 250 ms)\n", best);
+    fprintf(stderr, "playback: play request to first sound (local MP3): %.0f ms (target 250 ms)\n",
+            best);
 }
 
 long cpuTicks(pid_t pid) {
@@ -89,7 +95,8 @@ long cpuTicks(pid_t pid) {
     std::string s((std::istreambuf_iterator<char>(f)), {});
     size_t close = s.rfind(')');
     long utime = 0, stime = 0;
-    sscanf(s.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime);
+    sscanf(s.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime,
+           &stime);
     return utime + stime;
 }
 
@@ -107,16 +114,24 @@ void benchDaemonCpu(const std::string& kz, const std::string& work) {
         _exit(127);
     }
     std::string sock = root + "/var/run/fastCgiUnixSocket";
-    for (int i = 0; i < 100 && !fs::exists(sock); i++) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (int i = 0; i < 100 && !fs::exists(sock); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     std::this_thread::sleep_for(std::chrono::seconds(1));
     // A FastCGI request for playID of the first album.
     auto rec = [](int type, const std::string& content) {
-        std::string r = {1, static_cast<char>(type), 0, 1, static_cast<char>(content.size() >> 8),
-                         static_cast<char>(content.size() & 0xff), 0, 0};
+        std::string r = {1,
+                         static_cast<char>(type),
+                         0,
+                         1,
+                         static_cast<char>(content.size() >> 8),
+                         static_cast<char>(content.size() & 0xff),
+                         0,
+                         0};
         return r + content;
     };
     std::string uri = "/api/playID&id=1000000";
-    std::string params = std::string(1, 11) + std::string(1, static_cast<char>(uri.size())) + "REQUEST_URI" + uri;
+    std::string params =
+        std::string(1, 11) + std::string(1, static_cast<char>(uri.size())) + "REQUEST_URI" + uri;
     std::string request = rec(1, std::string("\0\1\0\0\0\0\0\0", 8)) + rec(4, params) + rec(4, "");
     int s = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un addr = {};
@@ -135,7 +150,10 @@ void benchDaemonCpu(const std::string& kz, const std::string& work) {
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
     double percent = 100.0 * used / sysconf(_SC_CLK_TCK) / 10;
-    fprintf(stderr, "playback: daemon CPU while playing an MP3 (ffmpeg excluded): %.1f %% of one core (target 2 %%)\n", percent);
+    fprintf(stderr,
+            "playback: daemon CPU while playing an MP3 (ffmpeg excluded): %.1f %% of one core "
+            "(target 2 %%)\n",
+            percent);
 }
 
 }  // namespace

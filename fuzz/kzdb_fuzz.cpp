@@ -5,24 +5,12 @@
 
 #include <string>
 
+#include "fuzz/fuzz_root.h"
 #include "library/database.h"
 #include "library/library.h"
 
-namespace {
-
-std::string setUp() {
-    char dir[] = "/tmp/kz-fuzz-XXXXXX";
-    if (!mkdtemp(dir)) abort();
-    // The reader logs every load; the fuzzer's own output is what matters.
-    if (!freopen("/dev/null", "w", stdout)) abort();
-    initmdb(dir);
-    return std::string(dir) + "/kzdb";
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::string path = setUp();
+    static const std::string path = fuzzRoot() + "/kzdb";
     FILE* f = fopen(path.c_str(), "wb");
     if (!f) abort();
     fwrite(data, 1, size, f);

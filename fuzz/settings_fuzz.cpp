@@ -7,16 +7,14 @@
 #include <string>
 
 #include "core/storage.h"
+#include "fuzz/fuzz_root.h"
 #include "library/library.h"
 #include "library/settings.h"
 
 namespace {
 
 std::string setUp() {
-    char dir[] = "/tmp/kz-fuzz-XXXXXX";
-    if (!mkdtemp(dir)) abort();
-    if (!freopen("/dev/null", "w", stdout)) abort();
-    initmdb(dir);
+    fuzzRoot();
     storageMedium = STORAGE_HDD;
     return getSettingsPath();
 }

@@ -7,18 +7,15 @@
 #include <filesystem>
 #include <string>
 
+#include "fuzz/fuzz_root.h"
 #include "library/library.h"
 #include "web/upload.h"
 
 namespace {
 
 std::string setUp() {
-    char dir[] = "/tmp/kz-fuzz-XXXXXX";
-    if (!mkdtemp(dir)) abort();
-    if (!freopen("/dev/null", "w", stdout)) abort();
-    initmdb(dir);
-    std::filesystem::create_directories(std::string(dir) + "/music");
-    return dir;
+    std::filesystem::create_directories(fuzzRoot() + "/music");
+    return fuzzRoot();
 }
 
 }  // namespace

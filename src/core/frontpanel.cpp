@@ -11,4 +11,7 @@ int getDCIn() {
 }
 void disableUsbKeyboard() {}
 void jackSensePoll() {}
+bool isHeadphonePlugIn() {
+    return false;
+}
 void copyProtectionCheck() {}

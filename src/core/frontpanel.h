@@ -15,5 +15,7 @@ void muteAmp();
 int getDCIn();
 void disableUsbKeyboard();
 void jackSensePoll();
+// True while a plug is in the headphone socket.
+bool isHeadphonePlugIn();
 // The copy-protection exchange with the controller; not part of kz.
 void copyProtectionCheck();

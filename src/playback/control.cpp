@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/events.h"
+#include "core/frontpanel.h"
 #include "core/log.h"
 #include "library/ids.h"
 #include "library/library.h"
@@ -118,6 +119,10 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
                 decoderPipes().getPipeOccupancy(c.playPipe) == 0 &&
                 !decoderPipes().isPipeStarting(c.playPipe)) {
                 memset(dst, 0, static_cast<size_t>(frames) * 4);
+                // A track that ended before it asked for its successor (a
+                // file that would not decode, or a very short one): go on
+                // to the next now.
+                if (!c.nearEOF) addEvent(74);
                 stopChannelLocked(ch);
                 return 0;
             }
@@ -229,6 +234,12 @@ void getSamples(int16_t* dest, int frames) {
             dest[i] = 1;
     }
     if (s.fading) fadeInOut(dest, frames);
+    // Left and right change places on the line out while a plug is in the
+    // headphone socket, when the setting asks for it.
+    if (getSwapSetting() && isHeadphonePlugIn()) {
+        for (int f = 0; f < frames; f++)
+            std::swap(dest[2 * f], dest[2 * f + 1]);
+    }
 }
 
 void outputmix(int16_t* primary, const int16_t* secondary, int frames) {
@@ -583,6 +594,7 @@ void selectSourceRaw(int source) {
     kzLog("selectSourceRaw ()\n");
     if (source != S().selectedSource) {
         stopPlayNoMute();
+        if (S().selectedSource == SEL_CD) stopCDReader();
         decoderPipes().radioSelected = source == SEL_RADIO;
     }
     S().selectedSource = source;

@@ -86,3 +86,53 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
 }
 
 }  // namespace
+
+namespace {
+
+// Pulls periods until nothing plays, answering the next-track event; returns
+// the frames that carried sound.
+long playOut(std::vector<int16_t>* keep = nullptr) {
+    std::vector<int16_t> p(2048);
+    long sound = 0;
+    for (long i = 0; i < 3000000 && isPlaying(); i++) {
+        getSamples(p.data(), 1024);
+        for (int f = 0; f < 1024; f++) {
+            if (p[2 * f] != 0 && p[2 * f] != 1) sound++;
+        }
+        if (keep) keep->insert(keep->end(), p.begin(), p.end());
+        while (uiQ().length() > 0) {
+            if (uiQ().waitEvent() == 74) startPlayingNext();
+        }
+        if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return sound;
+}
+
+TEST_F(AlbumPlayTest, BrokenTracksAreSkippedAndLongM4aPlaysWhole) {
+    std::string root = testRoot() + "/lib2";
+    std::string album = root + "/music/Mixed/Album";
+    std::filesystem::create_directories(album);
+    std::ofstream(album + "/01 Broken.mp3") << std::string(20000, 'x');
+    makeAudio(album + "/02 Good.wav", "sine=frequency=440:duration=1",
+              {"-ac", "2", "-ar", "44100"});
+    // Five minutes of AAC with its index at the end, as ffmpeg writes it.
+    makeAudio(album + "/03 Long.m4a", "sine=frequency=660:duration=300",
+              {"-ac", "2", "-ar", "44100"});
+    initmdb(root);
+    resetSettings();
+    setSegue(0);
+    scanLocalEnabled = 1;
+    scanDB();
+    resetPlayback();
+    uiQInit();
+
+    ASSERT_EQ(startPlayingID(albumToID(0)), 1);
+    long sound = playOut();
+    // The broken file gave way to the next track, and every track after it
+    // played to its end: one second, then five minutes.
+    EXPECT_GT(sound, 44100L * 300);
+    EXPECT_LT(sound, 44100L * 302);
+    killFfmpegs();
+}
+
+}  // namespace
