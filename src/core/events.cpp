@@ -141,7 +141,8 @@ int EventQueue::length() {
 }
 
 EventQueue& uiQ() {
-    static EventQueue queue;
+    // Never destroyed: other threads may still use it while the process ends.
+    static EventQueue& queue = *new EventQueue;
     return queue;
 }
 

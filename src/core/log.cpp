@@ -63,7 +63,8 @@ void WebDebugRing::put(std::string_view text) {
 }
 
 WebDebugRing& webDebugRing() {
-    static WebDebugRing ring;
+    // Never destroyed: other threads may still use it while the process ends.
+    static WebDebugRing& ring = *new WebDebugRing;
     return ring;
 }
 

@@ -23,7 +23,8 @@ std::atomic<bool> quitRequested{false};
 }
 
 MainLoop& mainLoop() {
-    static MainLoop loop;
+    // Never destroyed: other threads may still use it while the process ends.
+    static MainLoop& loop = *new MainLoop;
     return loop;
 }
 

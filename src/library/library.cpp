@@ -79,7 +79,8 @@ Library::Library()
       artistInPlaylist(new uint8_t[kMaxArtists]()) {}
 
 Library& lib() {
-    static Library library;
+    // Never destroyed: other threads may still use it while the process ends.
+    static Library& library = *new Library;
     return library;
 }
 

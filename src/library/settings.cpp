@@ -102,7 +102,8 @@ struct Settings {
 };
 
 Settings& S() {
-    static Settings s;
+    // Never destroyed: other threads may still use it while the process ends.
+    static Settings& s = *new Settings();
     return s;
 }
 

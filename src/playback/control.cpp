@@ -50,7 +50,8 @@ struct PlayState {
 };
 
 PlayState& S() {
-    static PlayState s;
+    // Never destroyed: other threads may still use it while the process ends.
+    static PlayState& s = *new PlayState;
     return s;
 }
 

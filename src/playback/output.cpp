@@ -122,7 +122,8 @@ void outputThread(Pcm* first) {
 }  // namespace
 
 ToneControl& toneControl() {
-    static ToneControl tone;
+    // Never destroyed: other threads may still use it while the process ends.
+    static ToneControl& tone = *new ToneControl;
     return tone;
 }
 
