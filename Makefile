@@ -53,7 +53,7 @@ fuzz: deps
 		name=$$(basename $$t _fuzz); mkdir -p $(FUZZ_DIR)/corpus/$$name; \
 		echo "fuzzing $$name for $(FUZZ_SECONDS) s"; \
 		extra=""; [ $$name = upload ] && extra="-detect_leaks=0"; \
-		$$t -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -print_final_stats=1 $$extra \
+		$$t -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $$extra \
 			$(FUZZ_DIR)/corpus/$$name fuzz/corpus/$$name > $(FUZZ_DIR)/$$name.log 2>&1; \
 		rc=$$?; tail -5 $(FUZZ_DIR)/$$name.log; \
 		if [ $$rc -ne 0 ]; then tail -40 $(FUZZ_DIR)/$$name.log; exit 1; fi; \
