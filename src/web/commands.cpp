@@ -16,6 +16,7 @@
 #include "playback/control.h"
 #include "playback/output.h"
 #include "web/params.h"
+#include "web/status.h"
 #include "web/web.h"
 
 namespace {
@@ -193,6 +194,18 @@ void webVol(const Request& r) {
     setVolume(atoi(r.after), 0);
 }
 
+void webStatus(const Request& r, bool full) {
+    static thread_local std::string text;
+    text = getWebStatusCore(full);
+    r.reply->text = text.c_str();
+}
+void getWebStatus(const Request& r) {
+    webStatus(r, true);
+}
+void getWebSlowStatus(const Request& r) {
+    webStatus(r, false);
+}
+
 void webTransport(const Request& r) {
     webTransportCommand(r.uri, r.from, r.reply);
 }
@@ -325,8 +338,8 @@ const Command commands[] = {
     {"startRecording", nullptr},
     {"stopRecording", nullptr},
     {"recordingLimit", nullptr},
-    {"slowStatus", nullptr},
-    {"status", nullptr},
+    {"slowStatus", getWebSlowStatus},
+    {"status", getWebStatus},
     {"back", webBack},
     {"play", webPlayKey},
     {"next", webNext},

@@ -1,0 +1,182 @@
+#include "web/status.h"
+
+#include <time.h>
+
+#include <cstdio>
+
+#include "core/mainloop.h"
+#include "library/ids.h"
+#include "library/library.h"
+#include "library/settings.h"
+#include "playback/control.h"
+#include "playback/output.h"
+#include "ripping/cdrom.h"
+#include "ripping/ripper.h"
+#include "web/web.h"
+
+namespace {
+
+void add(std::string& out, const char* format, long value) {
+    char piece[96];
+    snprintf(piece, sizeof piece, format, value);
+    out += piece;
+}
+
+void addText(std::string& out, const char* key, const char* text) {
+    out += ",\"";
+    out += key;
+    out += "\":\"";
+    appendJsonText(out, text);
+    out += '"';
+}
+
+const char* sourceName(int source) {
+    switch (source) {
+        case SEL_CD:
+            return "CD";
+        case SEL_BLUETOOTH:
+            return "Bluetooth";
+        case SEL_AUX:
+            return "Aux";
+        case SEL_RADIO:
+            return "Radio";
+        case SEL_WEB:
+            return "Browser";
+        case SEL_YOUTUBE:
+            return "Video";
+        case SEL_PODCAST:
+            return "Podcast";
+        default:
+            return "Library";
+    }
+}
+
+const char* cdStatusText(int state) {
+    switch (state) {
+        case CD_NO_DISC:
+            return "No Disc";
+        case CD_NOT_READY:
+            return "Not Ready";
+        case CD_READY:
+            return "Ready";
+        case CD_BAD_DISC:
+            return "Bad Disc";
+        default:
+            return "";
+    }
+}
+
+}  // namespace
+
+void appendJsonText(std::string& out, const char* text) {
+    for (const char* p = text ? text : ""; *p; p++) {
+        unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20) {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+}
+
+std::string getWebStatusCore(bool full) {
+    std::string out;
+    const int selected = getSelectedSource();
+    add(out, "{\"playing\":%d", isPlaying() ? 1 : 0);
+    addText(out, "source", sourceName(selected));
+    out += ",\"punchThru\":false";
+    out += ",\"recording\":false";
+    out += ",\"ktube\":false";
+    out += ",\"kzs\":false";
+    out += webRefreshRequested() ? ",\"forceWebRefresh\":true" : ",\"forceWebRefresh\":false";
+
+    const int id = lib().currentID;
+    const int t = idToTrack(id);
+    const int u = idToUSBTrack(id);
+    if (idIsTrack(id) && t >= 0 && t < getTrackCount()) {
+        int a = getParentAlbum(t);
+        int r = getAlbumArtist(a);
+        addText(out, "track", getCleanTrackName(t).c_str());
+        addText(out, "album", getAlbumName(a));
+        addText(out, "artist", getArtistName(r));
+        add(out, ",\"trackid\":\"%d\"", id);
+        add(out, ",\"albumid\":\"%d\"", albumToID(a));
+        add(out, ",\"artistid\":\"%d\"", artistToID(r));
+        if (full) {
+            add(out, ",\"duration\":\"%d\"", getDuration());
+            add(out, ",\"timeLeft\":\"%d\"", getTimeLeft());
+            add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
+        }
+        out += ",\"playlist\":\"All Music\"";
+    } else if (idIsUSBTrack(id) && u >= 0 && u < getUSBTrackcount()) {
+        int a = getUSBParentAlbum(u);
+        int r = getUSBParentArtist(a);
+        addText(out, "track", idName(id).c_str());
+        addText(out, "album", getUSBAlbumName(a));
+        addText(out, "artist", cleanUSBArtist(getUSBArtistName(r)));
+        add(out, ",\"trackid\":\"%d\"", id);
+        add(out, ",\"albumid\":\"%d\"", USBAlbumToID(a));
+        add(out, ",\"artistid\":\"%d\"", USBArtistToID(r));
+        if (full) {
+            add(out, ",\"timeLeft\":\"%d\"", getTimeLeft());
+            add(out, ",\"duration\":\"%d\"", getDuration());
+            add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
+        }
+        out += ",\"playlist\":\"All Music\"";
+    } else if (selected == SEL_WEB) {
+        addText(out, "track", getWebTitle().c_str());
+    } else {
+        out += ",\"track\":\"empty\",\"album\":\"empty\",\"artist\":\"empty\"";
+    }
+    if (full) add(out, ",\"seconds\":\"%d\"", getTimeIntoTrack());
+
+    addText(out, "btstatus", "");
+    const int cd = mainLoop().cdState;
+    addText(out, "cdstatus", cdStatusText(cd));
+    if (cd == CD_READY) {
+        out += ",\"cdloaded\":true";
+        add(out, ",\"cddbmatches\":\"%d\"", getLookupCandidateCount());
+    } else {
+        out += ",\"cdloaded\":false,\"cddbmatches\":-1";
+    }
+    addText(out, "discid", cd == CD_READY ? computeDiscId(currentToc()).c_str() : "");
+
+    if (full) {
+        char clock[16];
+        time_t now = time(nullptr);
+        struct tm local;
+        localtime_r(&now, &local);
+        strftime(clock, sizeof clock, "%H:%M", &local);
+        addText(out, "time", clock);
+    }
+    add(out, ",\"volume\":\"%d\"", getCurrentVolume());
+    add(out, ",\"random\":\"%d\"", getRandomMode());
+    add(out, ",\"sorted\":\"%d\"", isSorted() ? 1 : 0);
+    add(out, ",\"reversed\":\"%d\"", isReversed() ? 1 : 0);
+    addText(out, "background", "");
+    addText(out, "compression", getCompressionText());
+    addText(out, "logging", getLoggingText());
+    addText(out, "segue", getSegueText());
+    add(out, ",\"tvui\":\"%d\"", isTVUIEnabled() ? 1 : 0);
+    add(out, ",\"guest\":\"%d\"", isGuestMode() ? 1 : 0);
+    add(out, ",\"guestPlaylist\":\"%d\"", getGuestModePlaylist());
+    add(out, ",\"hdmi\":\"%d\"", isHDMIEnabled() ? 1 : 0);
+    add(out, ",\"airable\":\"%d\"", isAirable() ? 1 : 0);
+    add(out, ",\"vCache\":\"%d\"", isvCacheEnabled() ? 1 : 0);
+    add(out, ",\"equaliser\":\"%d\"", isEqualiserEnabled() ? 1 : 0);
+    add(out, ",\"bass\":\"%d\"", getBassSetting());
+    add(out, ",\"treble\":\"%d\"", getTrebleSetting());
+    add(out, ",\"DLNA\":\"%d\"", getDLNASetting());
+    addText(out, "breadcrumbs", "");
+    addText(out, "alert", getWebAlert().c_str());
+    addText(out, "zone", "");
+    out += ",\"sonos\":[],\"sonosActive\":[]";
+    if (full) out += ",\"vu\":[0,0,0,0,0,0,0,0,0,0]";
+    out += "}";
+    return out;
+}

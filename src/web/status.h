@@ -1,0 +1,10 @@
+// The status objects the web pages poll: "status" (everything) and
+// "slowStatus" (without the keys that change every second).
+#pragma once
+
+#include <string>
+
+// Appends text as the inside of a JSON string: quotes, backslashes and control
+// characters escaped, so a reply always parses whatever a name holds.
+void appendJsonText(std::string& out, const char* text);
+std::string getWebStatusCore(bool full);

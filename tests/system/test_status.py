@@ -1,0 +1,61 @@
+import json
+import subprocess
+import time
+
+import fcgi
+
+COMMON = ["playing", "source", "punchThru", "recording", "ktube", "kzs", "forceWebRefresh"]
+TRACK = ["track", "album", "artist", "trackid", "albumid", "artistid", "duration", "timeLeft",
+         "timeIntoTrack", "playlist"]
+REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
+             "cddbmatches", "discid", "time", "volume", "random", "sorted", "reversed",
+             "background", "compression", "logging", "segue", "tvui", "guest", "guestPlaylist",
+             "hdmi", "airable", "vCache", "equaliser", "bass", "treble", "DLNA", "breadcrumbs",
+             "alert", "zone", "sonos", "sonosActive", "vu"]
+SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
+
+
+def get(sock, uri):
+    return fcgi.stdout_of(fcgi.call(sock, fcgi.request(uri))).split(b"\r\n\n", 1)[1]
+
+
+def test_status_without_a_library(daemon, tmp_path):
+    d = daemon()
+    d.wait_for("Waiting for incoming connections on socket")
+    sock = tmp_path / "root" / "var" / "run" / "fastCgiUnixSocket"
+    full = json.loads(get(sock, "/api/status"))
+    assert list(full) == COMMON + ["track", "album", "artist"] + REST
+    assert (full["track"], full["album"], full["artist"]) == ("empty", "empty", "empty")
+    assert full["cdloaded"] is False and full["cddbmatches"] == -1
+    assert len(full["vu"]) == 10
+    assert d.stop() == 0
+
+
+def test_status_shapes_and_a_playing_track(daemon, tmp_path):
+    root = tmp_path / "root"
+    album = root / "media" / "hdd1" / "music" / 'Say "Hi"' / "Back\\slash"
+    album.mkdir(parents=True)
+    subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                    "sine=frequency=440:duration=20", "-ac", "2", str(album / "01 Tone.mp3")], check=True)
+    d = daemon(root, env={"KZ_PCM": "null"})
+    d.wait_for("loadOrScan () finished")
+    sock = root / "var" / "run" / "fastCgiUnixSocket"
+
+    # The current item is the library's first track, playing or not.
+    full = json.loads(get(sock, "/api/status"))
+    assert list(full) == COMMON + TRACK + REST
+    assert full["playing"] == 0
+    assert full["forceWebRefresh"] is True
+    assert json.loads(get(sock, "/api/status"))["forceWebRefresh"] is False
+    slow = json.loads(get(sock, "/api/slowStatus"))
+    assert list(slow) == [k for k in COMMON + TRACK + REST if k not in SLOW_ONLY_MISSING]
+
+    get(sock, "/api/playID&id=2000000")
+    time.sleep(1.5)
+    playing = json.loads(get(sock, "/api/status"))
+    assert playing["playing"] == 1
+    assert (playing["track"], playing["album"], playing["artist"]) == ("Tone", "Back\\slash", 'Say "Hi"')
+    assert (playing["trackid"], playing["albumid"], playing["artistid"]) == ("2000000", "1000000", "3000000")
+    assert int(playing["timeIntoTrack"]) >= 1
+    assert playing["playlist"] == "All Music"
+    assert d.stop() == 0
