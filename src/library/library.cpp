@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/log.h"
@@ -321,6 +322,16 @@ std::string getCleanTrackName(int t) {
 int getTrackOrder(int t) {
     return trackOrderOfName(orEmpty(getTrackName(t)));
 }
+std::vector<int> albumTrackOrder(int album) {
+    std::vector<int> tracks;
+    for (int t = 0; t < getTrackCount(); t++) {
+        if (getParentAlbum(t) == album) tracks.push_back(t);
+    }
+    std::stable_sort(tracks.begin(), tracks.end(),
+                     [](int a, int b) { return getTrackOrder(a) < getTrackOrder(b); });
+    return tracks;
+}
+
 int getUSBTrackOrder(int t) {
     return trackOrderOfName(orEmpty(getUSBTrackName(t)));
 }

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 class NameHeap {
   public:
@@ -154,6 +155,8 @@ const char* getIDTrackExt(int id);
 // The title of a track, without number and extension.
 std::string getCleanTrackName(int t);
 int getTrackOrder(int t);
+// The tracks of an album in play order: by track number, then table order.
+std::vector<int> albumTrackOrder(int album);
 int getUSBTrackOrder(int t);
 
 int findArtistByName(const char* name);

@@ -136,20 +136,9 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
     return n;
 }
 
-// The tracks of an album in play order (track number, then table order).
-std::vector<int> albumTracks(int album) {
-    std::vector<int> tracks;
-    for (int t = 0; t < getTrackCount(); t++) {
-        if (getParentAlbum(t) == album) tracks.push_back(t);
-    }
-    std::stable_sort(tracks.begin(), tracks.end(),
-                     [](int a, int b) { return getTrackOrder(a) < getTrackOrder(b); });
-    return tracks;
-}
-
 bool isLastTrackOfAlbum(int t) {
     if (t < 0 || t >= getTrackCount()) return true;
-    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     return tracks.empty() || tracks.back() == t;
 }
 
@@ -484,7 +473,7 @@ int startPlayingLocalID(int id) {
     if (idIsAlbum(id)) {
         int a = idToAlbum(id);
         if (a < 0 || a >= getAlbumCount()) return 0;
-        std::vector<int> tracks = albumTracks(a);
+        std::vector<int> tracks = albumTrackOrder(a);
         if (tracks.empty()) {
             kzLog("startPlayingLocalID () album %d has no tracks\n", a);
             return 0;
@@ -494,7 +483,7 @@ int startPlayingLocalID(int id) {
     if (idIsArtist(id)) {
         int r = idToArtist(id);
         for (int a = 0; a < getAlbumCount(); a++) {
-            if (getAlbumArtist(a) == r && !albumTracks(a).empty()) {
+            if (getAlbumArtist(a) == r && !albumTrackOrder(a).empty()) {
                 return startPlayingLocalID(albumToID(a));
             }
         }
@@ -526,12 +515,12 @@ int startPlayingNext() {
         static std::mt19937 rng{std::random_device{}()};
         return playTrackIndex(static_cast<int>(rng() % getTrackCount()));
     }
-    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     auto it = std::find(tracks.begin(), tracks.end(), t);
     if (it != tracks.end() && it + 1 != tracks.end()) return playTrackIndex(*(it + 1));
     // After an album's last track comes the next album's first.
     for (int a = getParentAlbum(t) + 1; a < getAlbumCount(); a++) {
-        std::vector<int> next = albumTracks(a);
+        std::vector<int> next = albumTrackOrder(a);
         if (!next.empty()) return playTrackIndex(next.front());
     }
     return 0;
@@ -546,7 +535,7 @@ int startPlayingPrev() {
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
     // A few seconds in, "previous" means this track from its start.
     if (isPlaying() && getTimeIntoTrack() > 3) return playTrackIndex(t);
-    std::vector<int> tracks = albumTracks(getParentAlbum(t));
+    std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     auto it = std::find(tracks.begin(), tracks.end(), t);
     if (it != tracks.end() && it != tracks.begin()) return playTrackIndex(*(it - 1));
     return playTrackIndex(t);

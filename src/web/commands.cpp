@@ -1,6 +1,8 @@
 #include "web/commands.h"
 
 #include <strings.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "library/edit.h"
 #include "library/ids.h"
 #include "library/library.h"
+#include "library/names.h"
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/output.h"
@@ -141,10 +144,158 @@ void webDeleteID(const Request& r) {
     r.reply->text = "[]";
 }
 
+// Lists stop before 59,999 bytes: an element that would pass the limit is
+// left out with everything after it, and the list still closes.
+class JsonList {
+  public:
+    bool add(const std::string& element) {
+        size_t extra = element.size() + (count_ ? 1 : 0);
+        if (text_.size() + extra + 1 > 59999) return false;
+        if (count_++) text_ += ',';
+        text_ += element;
+        return true;
+    }
+    const char* finish() {
+        text_ += ']';
+        return text_.c_str();
+    }
+
+  private:
+    std::string text_ = "[";
+    int count_ = 0;
+};
+
+std::string quoted(const char* text) {
+    std::string out = "\"";
+    appendJsonText(out, text);
+    return out + "\"";
+}
+
+std::string idName(int id, const std::string& name) {
+    return "{\"id\":" + std::to_string(id) + ",\"name\":" + quoted(name.c_str()) + "}";
+}
+
+thread_local std::string replyText;
+
+const char* keep(std::string text) {
+    replyText = std::move(text);
+    return replyText.c_str();
+}
+
 void webGetParent(const Request& r) {
-    static thread_local char out[32];
-    snprintf(out, sizeof out, "%d", getParentId(getIdParameter(r.uri)));
-    r.reply->text = out;
+    r.reply->text = keep("{\"id\":" + std::to_string(getParentId(getIdParameter(r.uri))) + "}");
+}
+
+void webListAlbum(const Request& r) {
+    int id = getIdParameter(r.uri);
+    static thread_local JsonList list;
+    list = JsonList();
+    if (idIsAlbum(id) && idToAlbum(id) < getAlbumCount()) {
+        for (int t : albumTrackOrder(idToAlbum(id))) {
+            if (!list.add(idName(trackToID(t), getCleanTrackName(t)))) break;
+        }
+    } else if (idIsUSBAlbum(id) && idToUSBAlbum(id) < getUSBAlbumcount()) {
+        for (int t = 0; t < getUSBTrackcount(); t++) {
+            if (getUSBParentAlbum(t) == idToUSBAlbum(id) &&
+                !list.add(idName(USBTrackToID(t), ::idName(USBTrackToID(t))))) {
+                break;
+            }
+        }
+    }
+    r.reply->text = list.finish();
+}
+
+void webListArtist(const Request& r) {
+    int id = getIdParameter(r.uri);
+    static thread_local JsonList list;
+    list = JsonList();
+    if (idIsArtist(id)) {
+        for (int a = 0; a < getAlbumCount(); a++) {
+            if (getAlbumArtist(a) == idToArtist(id) &&
+                !list.add(idName(albumToID(a), getAlbumName(a))))
+                break;
+        }
+    } else if (idIsUSBArtist(id)) {
+        for (int a = 0; a < getUSBAlbumcount(); a++) {
+            if (getUSBParentArtist(a) == idToUSBArtist(id) &&
+                !list.add(idName(USBAlbumToID(a), getUSBAlbumName(a)))) {
+                break;
+            }
+        }
+    }
+    r.reply->text = list.finish();
+}
+
+void webAlbumDetails(const Request& r) {
+    int id = getIdParameter(r.uri);
+    if (!idIsAlbum(id) || idToAlbum(id) >= getAlbumCount()) {
+        r.reply->text = "[]";
+        return;
+    }
+    int a = idToAlbum(id);
+    r.reply->text = keep("{\"name\":" + quoted(getAlbumName(a)) +
+                         ",\"trackcount\":" + std::to_string(albumTrackOrder(a).size()) +
+                         ",\"artist\":" + quoted(getArtistName(getAlbumArtist(a))) + "}");
+}
+
+void webArtistDetails(const Request& r) {
+    int id = getIdParameter(r.uri);
+    if (!idIsArtist(id) || idToArtist(id) >= getArtistCount()) {
+        r.reply->text = "[]";
+        return;
+    }
+    int albums = 0;
+    for (int a = 0; a < getAlbumCount(); a++)
+        albums += getAlbumArtist(a) == idToArtist(id);
+    r.reply->text = keep("{\"name\":" + quoted(getArtistName(idToArtist(id))) +
+                         ",\"albumcount\":" + std::to_string(albums) + "}");
+}
+
+void webFileExists(const Request& r) {
+    char artist[200] = "", album[200] = "", name[200] = "";
+    const char* v;
+    if ((v = findParameter(r.uri, "&artist="))) stripPercentagesFromURL(artist, v, sizeof artist);
+    if ((v = findParameter(r.uri, "&album="))) stripPercentagesFromURL(album, v, sizeof album);
+    if ((v = findParameter(r.uri, "&name="))) stripPercentagesFromURL(name, v, sizeof name);
+    // The names only ever name something inside the music folder.
+    std::string path = getMusicDirectory() + "/" + cleanPathName(artist) + "/" +
+                       cleanPathName(album) + "/" + cleanPathName(name);
+    r.reply->text = access(path.c_str(), F_OK) == 0 ? "true" : "false";
+}
+
+void webGetWebInfo(const Request& r) {
+    int wavs = 0, flacs = 0, mp3s = 0, aacs = 0;
+    for (int t = 0; t < getTrackCount(); t++) {
+        std::string ext = getTrackExt(t);
+        wavs += ext == "WAV";
+        flacs += ext == "FLAC";
+        mp3s += ext == "MP3";
+        aacs += ext == "AAC";
+    }
+    struct statvfs vfs = {};
+    statvfs(getLocalPath().empty() ? "/" : getLocalPath().c_str(), &vfs);
+    double gb = 1e9;
+    double capacity = static_cast<double>(vfs.f_blocks) * vfs.f_frsize / gb;
+    double used = static_cast<double>(vfs.f_blocks - vfs.f_bfree) * vfs.f_frsize / gb;
+    const Library& l = lib();
+    char out[1024];
+    snprintf(out, sizeof out,
+             "{\"version\":\"%s\",\"tracks\":\"%d\",\"albums\":\"%d\",\"artists\":\"%d\","
+             "\"USBTracks\":\"%d\",\"USBAlbums\":\"%d\",\"USBArtists\":\"%d\",\"wavs\":\"%d\","
+             "\"flacs\":\"%d\",\"mp3s\":\"%d\",\"aacs\":\"%d\",\"capacity\":\"%.2f\","
+             "\"videos\":\"%d\",\"used\":\"%.2f\",\"trackSpaceUsed\":\"%d\","
+             "\"albumSpaceUsed\":\"%d\",\"artistSpaceUsed\":\"%d\",\"trackSpace\":\"%d\","
+             "\"albumSpace\":\"%d\",\"artistSpace\":\"%d\",\"maxTracks\":\"%d\","
+             "\"maxAlbums\":\"%d\",\"maxArtists\":\"%d\"}",
+             "kz 0.1", getTrackCount(), getAlbumCount(), getArtistCount(), getUSBTrackcount(),
+             getUSBAlbumcount(), getUSBArtistcount(), wavs, flacs, mp3s, aacs, capacity, 0, used,
+             static_cast<int>(l.local.trackHeap.used()), static_cast<int>(l.local.albumHeap.used()),
+             static_cast<int>(l.local.artistHeap.used()),
+             static_cast<int>(l.local.trackHeap.capacity()),
+             static_cast<int>(l.local.albumHeap.capacity()),
+             static_cast<int>(l.local.artistHeap.capacity()), getMaxTracks(), getMaxAlbums(),
+             getMaxArtists());
+    r.reply->text = keep(out);
 }
 
 void webAllStop(const Request&) {
@@ -251,10 +402,10 @@ const Command commands[] = {
     {"getParent", webGetParent},
     {"getCDDB", nullptr},
     {"security", nullptr},
-    {"listalbum", nullptr},
-    {"albumDetails", nullptr},
-    {"listartist", nullptr},
-    {"artistDetails", nullptr},
+    {"listalbum", webListAlbum},
+    {"albumDetails", webAlbumDetails},
+    {"listartist", webListArtist},
+    {"artistDetails", webArtistDetails},
     {"uploadImages", nullptr},
     {"startWebAudio", webTransport},
     {"stopWebAudio", webTransport},
@@ -288,7 +439,7 @@ const Command commands[] = {
     {"deletePhotographs", nullptr},
     {"newUpload", nullptr},
     {"getWebDebug", webTransport},
-    {"getWebInfo", nullptr},
+    {"getWebInfo", webGetWebInfo},
     {"getSpace", nullptr},
     {"getAlbumArt", nullptr},
     {"getCurrentArtPath", nullptr},
@@ -318,7 +469,7 @@ const Command commands[] = {
     {"search", nullptr},
     {"upload", webTransport},
     {"checkUpload", webTransport},
-    {"fileExists", nullptr},
+    {"fileExists", webFileExists},
     {"setTone", webSetTone},
     {"sendKey", nullptr},
     {"listDir", nullptr},

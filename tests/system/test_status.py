@@ -59,3 +59,33 @@ def test_status_shapes_and_a_playing_track(daemon, tmp_path):
     assert int(playing["timeIntoTrack"]) >= 1
     assert playing["playlist"] == "All Music"
     assert d.stop() == 0
+
+
+def test_lists_details_and_info(daemon, tmp_path):
+    root = tmp_path / "root"
+    music = root / "media" / "hdd1" / "music"
+    for album, names in {"Nina/Live": ["2 Two.mp3", "1 One.mp3"], "Nina/Studio": ["01 A.wav"]}.items():
+        (music / album).mkdir(parents=True)
+        for n in names:
+            (music / album / n).write_bytes(b"x")
+    d = daemon(root, env={"KZ_PCM": "null"})
+    d.wait_for("loadOrScan () finished")
+    sock = root / "var" / "run" / "fastCgiUnixSocket"
+    albums = json.loads(get(sock, "/api/listartist&id=3000000"))
+    assert [a["name"] for a in albums] == ["Live", "Studio"]
+    live = next(a["id"] for a in albums if a["name"] == "Live")
+    # Tracks in track-number order, by their clean names.
+    assert [t["name"] for t in json.loads(get(sock, f"/api/listalbum&id={live}"))] == ["One", "Two"]
+    assert get(sock, "/api/listalbum&id=1999999") == b"[]"
+    assert json.loads(get(sock, f"/api/albumDetails&id={live}")) == {"name": "Live", "trackcount": 2, "artist": "Nina"}
+    assert json.loads(get(sock, "/api/artistDetails&id=3000000")) == {"name": "Nina", "albumcount": 2}
+    assert json.loads(get(sock, f"/api/getParent&id={live}")) == {"id": 3000000}
+    assert get(sock, "/api/fileExists&artist=Nina&album=Live&name=1%20One.mp3") == b"true"
+    assert get(sock, "/api/fileExists&artist=..&album=..&name=kzdb") == b"false"
+    info = json.loads(get(sock, "/api/getWebInfo"))
+    assert (info["tracks"], info["albums"], info["artists"], info["mp3s"], info["wavs"]) == ("3", "2", "1", "2", "1")
+    assert info["maxTracks"] == "170000"
+    # Commands of parts not built, and no command at all, answer "thanks".
+    assert get(sock, "/api/listplaylists") == b"thanks\n"
+    assert get(sock, "/api/nothing") == b"thanks\n"
+    assert d.stop() == 0
