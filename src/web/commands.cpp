@@ -4,9 +4,11 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "core/events.h"
 #include "core/log.h"
@@ -251,6 +253,83 @@ void webArtistDetails(const Request& r) {
                          ",\"albumcount\":" + std::to_string(albums) + "}");
 }
 
+// The item object of one search result.
+std::string itemObject(int id) {
+    std::string head = "{\"id\":" + std::to_string(id);
+    if (idIsTrack(id) || idIsUSBTrack(id)) {
+        bool usb = idIsUSBTrack(id);
+        int t = usb ? idToUSBTrack(id) : idToTrack(id);
+        int a = usb ? getUSBParentAlbum(t) : getParentAlbum(t);
+        const char* artist = usb ? cleanUSBArtist(getUSBArtistName(getUSBParentArtist(a)))
+                                 : getArtistName(getAlbumArtist(a));
+        std::string track = usb ? getUSBTrackNameNoExt(t) : getTrackNameNoExt(t);
+        return head + ",\"artist\":" + quoted(artist) +
+               ",\"album\":" + quoted(usb ? getUSBAlbumName(a) : getAlbumName(a)) +
+               ",\"track\":" + quoted(track.c_str()) + "}";
+    }
+    if (idIsAlbum(id) || idIsUSBAlbum(id)) {
+        bool usb = idIsUSBAlbum(id);
+        int a = usb ? idToUSBAlbum(id) : idToAlbum(id);
+        const char* artist = usb ? cleanUSBArtist(getUSBArtistName(getUSBParentArtist(a)))
+                                 : getArtistName(getAlbumArtist(a));
+        return head + ",\"artist\":" + quoted(artist) +
+               ",\"album\":" + quoted(usb ? getUSBAlbumName(a) : getAlbumName(a)) + "}";
+    }
+    if (idIsArtist(id)) return head + ",\"artist\":" + quoted(getArtistName(idToArtist(id))) + "}";
+    if (idIsUSBArtist(id)) {
+        return head + ",\"artist\":" + quoted(cleanUSBArtist(getUSBArtistName(idToUSBArtist(id)))) +
+               "}";
+    }
+    return head + ",\"artist\":\"dummy\"}";
+}
+
+bool containsNoCase(const char* hay, const std::string& needle) {
+    if (needle.empty()) return true;
+    for (const char* p = hay; *p; p++) {
+        if (strncasecmp(p, needle.c_str(), needle.size()) == 0) return true;
+    }
+    return false;
+}
+
+int flag(const char* uri, const char* name) {
+    const char* v = findParameter(uri, name);
+    return v ? atoi(v) : 1;
+}
+
+// Artists, then albums, then tracks whose names hold the text (any case).
+void webSearch3(const Request& r) {
+    char text[200] = "";
+    const char* v = findParameter(r.uri, "&string=");
+    if (v) stripPercentagesFromURLTail(text, v, sizeof text);
+    std::string needle = text;
+    int offset = 0, count = 500;
+    if ((v = findParameter(r.uri, "&offset="))) offset = std::max(0, atoi(v));
+    if ((v = findParameter(r.uri, "&count="))) count = std::min(1000, std::max(0, atoi(v)));
+    std::vector<int> found;
+    if (flag(r.uri, "&artists=")) {
+        for (int a = 0; a < getArtistCount(); a++) {
+            if (containsNoCase(getArtistName(a), needle)) found.push_back(artistToID(a));
+        }
+    }
+    if (flag(r.uri, "&albums=")) {
+        for (int a = 0; a < getAlbumCount(); a++) {
+            if (containsNoCase(getAlbumName(a), needle)) found.push_back(albumToID(a));
+        }
+    }
+    if (flag(r.uri, "&tracks=")) {
+        for (int t = 0; t < getTrackCount(); t++) {
+            if (containsNoCase(getTrackName(t), needle)) found.push_back(trackToID(t));
+        }
+    }
+    static thread_local JsonList list;
+    list = JsonList();
+    for (size_t i = static_cast<size_t>(offset);
+         i < found.size() && i < static_cast<size_t>(offset + count); i++) {
+        if (!list.add(itemObject(found[i]))) break;
+    }
+    r.reply->text = list.finish();
+}
+
 void webFileExists(const Request& r) {
     char artist[200] = "", album[200] = "", name[200] = "";
     const char* v;
@@ -466,7 +545,7 @@ const Command commands[] = {
     {"uploadYoutubeHistory", nullptr},
     {"getYoutubeHistory", nullptr},
     {"findAndPlay", nullptr},
-    {"search", nullptr},
+    {"search", webSearch3},
     {"upload", webTransport},
     {"checkUpload", webTransport},
     {"fileExists", webFileExists},

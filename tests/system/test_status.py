@@ -89,3 +89,32 @@ def test_lists_details_and_info(daemon, tmp_path):
     assert get(sock, "/api/listplaylists") == b"thanks\n"
     assert get(sock, "/api/nothing") == b"thanks\n"
     assert d.stop() == 0
+
+
+def test_search_finds_names_and_keeps_its_list_valid(daemon, tmp_path):
+    root = tmp_path / "root"
+    music = root / "media" / "hdd1" / "music"
+    (music / "Blue Artist" / "Kind of Blue").mkdir(parents=True)
+    (music / "Blue Artist" / "Kind of Blue" / "01 So What.flac").write_bytes(b"x")
+    long_album = music / "Many" / "Blues"
+    long_album.mkdir(parents=True)
+    for i in range(1500):
+        (long_album / f"{i:04d} blue track with a long enough name to fill the list.mp3").write_bytes(b"")
+    d = daemon(root, env={"KZ_PCM": "null"})
+    d.wait_for("loadOrScan () finished")
+    sock = root / "var" / "run" / "fastCgiUnixSocket"
+    hits = json.loads(get(sock, "/api/search&tracks=0&string=BLUE"))
+    # Artists first, then albums (folder order decides the ids).
+    assert [h["artist"] for h in hits if "album" not in h] == ["Blue Artist"]
+    assert "album" not in hits[0] and 3000000 <= hits[0]["id"] < 4000000
+    assert sorted((h["artist"], h["album"]) for h in hits if "album" in h) == [
+        ("Blue Artist", "Kind of Blue"), ("Many", "Blues")]
+    tracks = json.loads(get(sock, "/api/search&artists=0&albums=0&string=so%20what"))
+    assert [(t["artist"], t["album"], t["track"]) for t in tracks] == [("Blue Artist", "Kind of Blue", "01 So What")]
+    # 1000 results asked for: cut below 60,000 bytes, still a valid list.
+    raw = get(sock, "/api/search&artists=0&albums=0&count=1000&string=blue")
+    assert len(raw) < 60000
+    assert 300 < len(json.loads(raw)) < 1000
+    page = json.loads(get(sock, "/api/search&artists=0&albums=0&offset=10&count=5&string=blue%20track"))
+    assert len(page) == 5
+    assert d.stop() == 0
