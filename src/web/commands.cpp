@@ -17,9 +17,11 @@
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/names.h"
+#include "library/scan.h"
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "ripping/ripper.h"
 #include "web/params.h"
 #include "web/status.h"
 #include "web/web.h"
@@ -330,6 +332,22 @@ void webSearch3(const Request& r) {
     r.reply->text = list.finish();
 }
 
+void webRip(const Request& r) {
+    const char* v = findParameter(r.after, "&index=");
+    int index = v ? atoi(v) : 0;
+    kzLog("index = %d\n", index);
+    ripUserChoice = index;
+    startRip();
+}
+
+void webScanDisk(const Request& r) {
+    if (!isScanning()) {
+        clearDB();
+        startScanLocal();
+    }
+    r.reply->text = "[]";
+}
+
 void webFileExists(const Request& r) {
     char artist[200] = "", album[200] = "", name[200] = "";
     const char* v;
@@ -464,7 +482,7 @@ const Command commands[] = {
     {"setCompression", webSetCompression},
     {"setLogging", webSetLogging},
     {"setSegue", webSetSegue},
-    {"scanDisk", nullptr},
+    {"scanDisk", webScanDisk},
     {"setRandom", webSetRandom},
     {"tvui", nullptr},
     {"hdmi", nullptr},
@@ -576,7 +594,7 @@ const Command commands[] = {
     {"eject", webEject},
     {"reindex", nullptr},
     {"newRip", nullptr},
-    {"rip", nullptr},
+    {"rip", webRip},
     {"vol", webVol},
 };
 

@@ -118,3 +118,30 @@ def test_search_finds_names_and_keeps_its_list_valid(daemon, tmp_path):
     page = json.loads(get(sock, "/api/search&artists=0&albums=0&offset=10&count=5&string=blue%20track"))
     assert len(page) == 5
     assert d.stop() == 0
+
+
+def test_rip_and_rescan_through_the_web(daemon, tmp_path):
+    import struct
+    root = tmp_path / "root"
+    (root / "media" / "hdd1" / "music").mkdir(parents=True)
+    # A one-track disc image of 100 sectors.
+    (root / "disc.bin").write_bytes(b"".join(struct.pack("<hh", i % 300, -(i % 300)) for i in range(100 * 588)))
+    (root / "disc.cue").write_text('FILE "disc.bin" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n')
+    d = daemon(root, env={"KZ_PCM": "null", "KZ_CDROM": str(root / "disc.cue")})
+    d.wait_for("loadOrScan () finished")
+    sock = root / "var" / "run" / "fastCgiUnixSocket"
+    d.wait_for("CD state changed 3")
+    assert json.loads(get(sock, "/api/status"))["cdloaded"] is True
+    assert get(sock, "/api/rip&index=0") == b"thanks\n"
+    d.wait_for("ripTrack wrote 235200 bytes")
+    wav = root / "media" / "hdd1" / "music" / "Unknown" / "Album 1" / "01 track1.wav"
+    deadline = time.monotonic() + 10
+    while not (root / "media" / "hdd1" / "kzdb").read_text().count("Unknown/Album 1"):
+        assert time.monotonic() < deadline
+        time.sleep(0.1)
+    assert wav.stat().st_size > 235200
+    # A rescan finds the same library.
+    assert get(sock, "/api/scanDisk") == b"[]"
+    d.wait_for("1 albums")
+    assert json.loads(get(sock, "/api/getWebInfo"))["wavs"] == "1"
+    assert d.stop() == 0
