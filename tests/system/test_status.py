@@ -15,6 +15,12 @@ REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
 SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
 
 
+def ready(d):
+    """The library is loaded and the web listener takes connections."""
+    d.wait_for("loadOrScan () finished")
+    d.wait_for("Waiting for incoming connections on socket")
+
+
 def get(sock, uri):
     return fcgi.stdout_of(fcgi.call(sock, fcgi.request(uri))).split(b"\r\n\n", 1)[1]
 
@@ -38,7 +44,7 @@ def test_status_shapes_and_a_playing_track(daemon, tmp_path):
     subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
                     "sine=frequency=440:duration=20", "-ac", "2", str(album / "01 Tone.mp3")], check=True)
     d = daemon(root, env={"KZ_PCM": "null"})
-    d.wait_for("loadOrScan () finished")
+    ready(d)
     sock = root / "var" / "run" / "fastCgiUnixSocket"
 
     # The current item is the library's first track, playing or not.
@@ -69,7 +75,7 @@ def test_lists_details_and_info(daemon, tmp_path):
         for n in names:
             (music / album / n).write_bytes(b"x")
     d = daemon(root, env={"KZ_PCM": "null"})
-    d.wait_for("loadOrScan () finished")
+    ready(d)
     sock = root / "var" / "run" / "fastCgiUnixSocket"
     albums = json.loads(get(sock, "/api/listartist&id=3000000"))
     assert [a["name"] for a in albums] == ["Live", "Studio"]
@@ -101,7 +107,7 @@ def test_search_finds_names_and_keeps_its_list_valid(daemon, tmp_path):
     for i in range(1500):
         (long_album / f"{i:04d} blue track with a long enough name to fill the list.mp3").write_bytes(b"")
     d = daemon(root, env={"KZ_PCM": "null"})
-    d.wait_for("loadOrScan () finished")
+    ready(d)
     sock = root / "var" / "run" / "fastCgiUnixSocket"
     hits = json.loads(get(sock, "/api/search&tracks=0&string=BLUE"))
     # Artists first, then albums (folder order decides the ids).
@@ -128,7 +134,7 @@ def test_rip_and_rescan_through_the_web(daemon, tmp_path):
     (root / "disc.bin").write_bytes(b"".join(struct.pack("<hh", i % 300, -(i % 300)) for i in range(100 * 588)))
     (root / "disc.cue").write_text('FILE "disc.bin" BINARY\n  TRACK 01 AUDIO\n    INDEX 01 00:00:00\n')
     d = daemon(root, env={"KZ_PCM": "null", "KZ_CDROM": str(root / "disc.cue")})
-    d.wait_for("loadOrScan () finished")
+    ready(d)
     sock = root / "var" / "run" / "fastCgiUnixSocket"
     d.wait_for("CD state changed 3")
     assert json.loads(get(sock, "/api/status"))["cdloaded"] is True
