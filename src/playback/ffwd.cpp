@@ -276,7 +276,10 @@ int FetchFeeder::trackTimeToEOF(int channel) {
         track = c.track;
     }
     if (track && track->exists) return 1000;
-    return timeInPipe(slot);
+    // A small file is fed in a moment, long before its decoder has produced
+    // much: until the decoder is done, what waits in the ring is not what is
+    // left of the track.
+    return pipeTimeToEOF(slot);
 }
 
 int prepareFfwdFetch(int channel, const std::string& path) {
