@@ -2,7 +2,17 @@
 // library or the web is only ever a name.
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <string>
+
+// A FILE that closes itself.
+struct FileCloser {
+    void operator()(FILE* f) const {
+        if (f) fclose(f);
+    }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
 
 // Removes a file or a symbolic link (never what a link points to).
 // 0 on success, -1 with errno set.

@@ -81,16 +81,9 @@ void globalHandling(int event) {
     } else if (event == 74) {
         int t = idToTrack(lib().currentID);
         if (isClassical() && idIsTrack(lib().currentID) && t < getTrackCount() &&
-            getParentAlbum(t) >= 0) {
-            bool last = true;
-            for (int u = 0; u < getTrackCount(); u++) {
-                if (getParentAlbum(u) == getParentAlbum(t) && getTrackOrder(u) > getTrackOrder(t))
-                    last = false;
-            }
-            if (last) {
-                kzLog("NEXTEVENT Classical mode do nothing at end\n");
-                return;
-            }
+            isLastTrackOfAlbum(t)) {
+            kzLog("NEXTEVENT Classical mode do nothing at end\n");
+            return;
         }
         startPlayingNext();
     } else if (event == 87) {

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/files.h"
 #include "core/log.h"
 #include "core/ui.h"
 #include "library/library.h"
@@ -18,11 +19,6 @@
 namespace {
 
 constexpr int kLineSize = 250;
-
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
 
 // One album block; false when its track count is missing.
 // The end of the file ends the read: a truncated file adds no phantom

@@ -5,9 +5,6 @@
 #include <cctype>
 #include <cstring>
 
-namespace {
-
-// strcasestr without locale surprises: ASCII letters only.
 const char* findNoCase(const char* hay, const char* needle) {
     size_t n = strlen(needle);
     for (const char* p = hay; *p; p++) {
@@ -15,6 +12,8 @@ const char* findNoCase(const char* hay, const char* needle) {
     }
     return nullptr;
 }
+
+namespace {
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';

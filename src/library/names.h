@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <string>
 
+// strcasestr without locale surprises: ASCII letters only; null when absent.
+const char* findNoCase(const char* hay, const char* needle);
+
 // True when ext (".mp3") first occurs, in any letter case, at the very end
 // of name: "01 Intro.mp3.mp3" is not an MP3 track.
 bool endsWithExtension(const char* name, const char* ext);

@@ -9,10 +9,12 @@
 #include <memory>
 
 #include "core/appliance.h"
+#include "core/files.h"
 #include "core/log.h"
 #include "core/storage.h"
 #include "library/database.h"
 #include "library/library.h"
+#include "library/names.h"
 #include "playback/output.h"
 
 const SettingRow settingRows[kSettingRows + 1] = {
@@ -113,11 +115,6 @@ const char* const loggingModes[] = {"Normal", "File", "TV Off"};
 
 constexpr int kLine = 250;
 
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
 void setRow(int row, int value) {
     S().values[row] = value;
     saveSettings();
@@ -145,13 +142,6 @@ std::string readText(FILE* f) {
     char line[kLine];
     dbGetLine(f, line, kLine);
     return line;
-}
-
-bool containsNoCase(const char* hay, const char* needle) {
-    for (size_t n = strlen(needle); *hay; hay++) {
-        if (strncasecmp(hay, needle, n) == 0) return true;
-    }
-    return false;
 }
 
 // Name and URL, then an optional "logoUrl " line; any other line is handed
@@ -349,7 +339,7 @@ int loadSettings() {
         } else if (strcasecmp(key, "TagMask") == 0) {
             lib().orMask = static_cast<int32_t>(readLong(in, lib().orMask));
             lib().notMask = static_cast<int32_t>(readLong(in, lib().notMask));
-        } else if (containsNoCase(key, "TagName")) {
+        } else if (findNoCase(key, "TagName")) {
             int tag = readInt(in, -1);
             std::string name = readText(in);
             if (tag >= 0 && tag < Library::kTags) {

@@ -136,11 +136,15 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
     return n;
 }
 
+}  // namespace
+
 bool isLastTrackOfAlbum(int t) {
     if (t < 0 || t >= getTrackCount()) return true;
     std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     return tracks.empty() || tracks.back() == t;
 }
+
+namespace {
 
 int playTrackIndex(int t) {
     if (t < 0 || t >= getTrackCount()) return 0;

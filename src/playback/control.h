@@ -69,6 +69,8 @@ int startPlayingCD(int index);
 int startPlayingID(int id);
 int startPlayingLocalID(int id);
 int startPlayingNext();
+// True for the album's last track in play order (or a track that is gone).
+bool isLastTrackOfAlbum(int t);
 int startPlayingPrev();
 void playStop();
 void stopPlay();

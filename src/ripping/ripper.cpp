@@ -36,13 +36,6 @@ std::string ripArtistName, ripAlbumName, ripTrackName, ripArtPath;
 
 constexpr long long kTwoMinutesBytes = 21167999;
 
-struct FileCloser {
-    void operator()(FILE* f) const {
-        if (f) fclose(f);
-    }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
 long long freeBytes(const std::string& folder) {
     struct statvfs vfs;
     if (statvfs(folder.c_str(), &vfs) != 0) return 0;

@@ -286,11 +286,7 @@ std::string itemObject(int id) {
 }
 
 bool containsNoCase(const char* hay, const std::string& needle) {
-    if (needle.empty()) return true;
-    for (const char* p = hay; *p; p++) {
-        if (strncasecmp(p, needle.c_str(), needle.size()) == 0) return true;
-    }
-    return false;
+    return needle.empty() || findNoCase(hay, needle.c_str()) != nullptr;
 }
 
 int flag(const char* uri, const char* name) {
