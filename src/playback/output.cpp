@@ -1,6 +1,7 @@
 #include "playback/output.h"
 
 #include <alsa/asoundlib.h>
+#include <errno.h>
 #include <stdarg.h>
 
 #include <atomic>
@@ -18,6 +19,7 @@ namespace {
 
 std::atomic<bool> deviceOpen{false};
 std::atomic<long> periods{0};
+std::atomic<long> underruns{0};
 std::atomic<int> currentDevice{0};
 OutputCallback callback = nullptr;
 
@@ -62,6 +64,7 @@ class Pcm {
             snd_pcm_sframes_t n = snd_pcm_writei(pcm_, frames, count);
             if (n < 0) {
                 // Underruns and suspends are recovered; the stream goes on.
+                if (n == -EPIPE) underruns++;
                 if (snd_pcm_recover(pcm_, static_cast<int>(n), 1) < 0) return false;
                 continue;
             }
@@ -113,6 +116,9 @@ void outputThread(Pcm* first) {
         if (!pcm->selfPaced()) {
             next += period;
             auto now = std::chrono::steady_clock::now();
+            // A period handed over after its time is what a real device
+            // would have heard as an underrun.
+            if (now > next + period) underruns++;
             if (now - next > std::chrono::seconds(1)) next = now;
             std::this_thread::sleep_until(next);
         }
@@ -142,6 +148,9 @@ bool isOutputOpen() {
 }
 long outputPeriods() {
     return periods;
+}
+long outputUnderruns() {
+    return underruns;
 }
 
 void setVolume(int volume, int device) {

@@ -22,6 +22,9 @@ int initAlsaPlayback(OutputCallback callback);
 bool isOutputOpen();
 // Periods handed to the device so far.
 long outputPeriods();
+// Underruns the device reported, or (for a device paced on the clock) periods
+// that came later than a period after their time.
+long outputUnderruns();
 
 ToneControl& toneControl();
 
