@@ -44,21 +44,24 @@ bench: build
 # Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
 # starting from its corpus under fuzz/corpus/<name without _fuzz>. The upload
 # target's library saves run on detached threads that outlive the last input,
-# so its leak check at exit would only report those.
+# so its leak check at exit would only report those. Every target runs even
+# when an earlier one failed (a saved reproducer fails at once until its fix
+# lands); the run fails at the end.
 FUZZ_DIR     := build-fuzz
 FUZZ_SECONDS ?= 60
 fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKZ_FUZZ=ON >/dev/null
 	@cmake --build $(FUZZ_DIR) -j $(JOBS)
-	@for t in $(FUZZ_DIR)/fuzz/*_fuzz; do \
+	@failed=""; for t in $(FUZZ_DIR)/fuzz/*_fuzz; do \
 		name=$$(basename $$t _fuzz); mkdir -p $(FUZZ_DIR)/corpus/$$name; \
 		echo "fuzzing $$name for $(FUZZ_SECONDS) s"; \
 		extra=""; [ $$name = upload ] && extra="-detect_leaks=0"; \
 		$$t -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ $$extra \
 			$(FUZZ_DIR)/corpus/$$name fuzz/corpus/$$name > $(FUZZ_DIR)/$$name.log 2>&1; \
 		rc=$$?; tail -5 $(FUZZ_DIR)/$$name.log; \
-		if [ $$rc -ne 0 ]; then tail -40 $(FUZZ_DIR)/$$name.log; exit 1; fi; \
-	done
+		if [ $$rc -ne 0 ]; then tail -40 $(FUZZ_DIR)/$$name.log; failed="$$failed $$name"; fi; \
+	done; \
+	if [ -n "$$failed" ]; then echo "fuzz targets that failed:$$failed"; exit 1; fi
 
 format:
 	@clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp' 'fuzz/*.cpp')
