@@ -20,8 +20,8 @@ inline const char* const kTracks[] = {
     "Back\\slash\\/C:\\Music\\/03 Ends with a backslash\\.wav",
     "Tab\tand\x01 control\x1f/Line\nBreak/04 Bell\x07 and escape\x1b.flac",
     "Bj\xc3\xb6rk/Homog\xc3\xa9nic/05 J\xc3\xb3ga.flac",
-    "\xe5\x9d\x82\xe6\x9c\xac\xe9\xbe\x8d\xe4\xb8\x80/\xe6\x97\xa5\xe6\x9c\xac/"
-    "06 \xe3\x81\x82 \xf0\x9f\x8e\xb5.mp3",
+    ("\xe5\x9d\x82\xe6\x9c\xac\xe9\xbe\x8d\xe4\xb8\x80/\xe6\x97\xa5\xe6\x9c\xac/"
+     "06 \xe3\x81\x82 \xf0\x9f\x8e\xb5.mp3"),
     "{[Brackets]}/<Angle> & 'Apostrophe'/07 100% %22 %5C.wav",
     "Plain Artist/Plain Album/1-01 Play the Search.flac",
     "Plain Artist/Plain Album/1-02 status next back.flac",
