@@ -1,6 +1,7 @@
 """Requests per second and p99 latency of a small command through lighttpd
 (ab) and straight on the FastCGI socket, against lighttpd serving a static
-file of the same size. Usage: web_bench.py KZ_BINARY WORK_FOLDER"""
+file of the same size; then the status command through lighttpd while a long
+track plays. Usage: web_bench.py KZ_BINARY WORK_FOLDER"""
 import os
 import re
 import shutil
@@ -39,6 +40,15 @@ def main():
     os.makedirs(www)
     with open(os.path.join(www, "same.txt"), "w") as f:
         f.write("true")  # the size of the command's reply
+    # A ten-minute track (made once) for the status figure while playing.
+    flac = os.path.join(work, "long.flac")
+    if not os.path.exists(flac):
+        subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                        "sine=frequency=440:duration=600", "-ac", "2", "-ar", "44100", flac],
+                       check=True)
+    album = os.path.join(root, "media", "hdd1", "music", "Long", "Play")
+    os.makedirs(album)
+    shutil.copy(flac, os.path.join(album, "01 Ten Minutes.flac"))
     port = free_port()
     subprocess.run([os.path.join(TOP, "scripts", "install-web"), root, www, "127.0.0.1", str(port)],
                    check=True)
@@ -68,6 +78,13 @@ def main():
               f"ratio {cmd_rps / static_rps:.2f}", file=sys.stderr)
         print(f"web: straight on the socket {direct_rps:.0f} req/s, p99 {direct_p99:.2f} ms",
               file=sys.stderr)
+        fcgi.call(sock, fcgi.request("/api/playID&id=2000000"))
+        time.sleep(2)
+        playing = b'"playing":1' in fcgi.stdout_of(fcgi.call(sock, fcgi.request("/api/status")))
+        status_rps, status_p99 = ab(base + "/api/status", 3000)
+        print(f"web: status through lighttpd while a FLAC plays {status_rps:.0f} req/s, "
+              f"p99 {status_p99:.0f} ms{'' if playing else ' (the track did not play)'}; "
+              f"output underruns: see commands_bench", file=sys.stderr)
     finally:
         proc.send_signal(signal.SIGTERM)
         proc.wait(10)
