@@ -91,8 +91,11 @@ def test_lists_details_and_info(daemon, tmp_path):
     info = json.loads(get(sock, "/api/getWebInfo"))
     assert (info["tracks"], info["albums"], info["artists"], info["mp3s"], info["wavs"]) == ("3", "2", "1", "2", "1")
     assert info["maxTracks"] == "170000"
-    # Commands of parts not built, and no command at all, answer "thanks".
+    # Commands of parts not built answer an empty list; no command at all
+    # is thanked.
     assert get(sock, "/api/listplaylists") == b"[]"
+    assert get(sock, "/api/getBluetoothStatus") == b"[]"
+    assert get(sock, "/api/setPreset&id=3") == b"thanks\n"
     assert get(sock, "/api/nothing") == b"thanks\n"
     assert d.stop() == 0
 
