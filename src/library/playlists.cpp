@@ -1,6 +1,7 @@
 #include "library/playlists.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -34,7 +35,9 @@ struct State {
     // False between a library clear and the next load: ids mean nothing then.
     bool resolved = false;
     int pendingGuest = -1;
-    int playing = -1;
+    // Read without the lock: the output thread asks it once a period, and
+    // must not wait behind a library save.
+    std::atomic<int> playing{-1};
     std::vector<int> order;  // tracks of the playing playlist
     int position = 0;
 };
@@ -418,7 +421,6 @@ bool isPlaylistPlaying() {
 }
 
 int getPlayingPlaylist() {
-    Lock g;
     return P().playing;
 }
 

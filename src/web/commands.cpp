@@ -697,17 +697,11 @@ void webGetSpace(const Request& r) {
     r.reply->text = keep(out);
 }
 
-// Only codes that a key of the panel, the remote or a keyboard can make: a
-// page must not post the codes that end the program.
+// Only the codes of the panel's keys and the transport keys: typed
+// characters share their numbers with codes that end the program.
 bool isKeyEvent(int code) {
     for (int i = 0; i < 8; i++) {
         if (adcEvents[i] == code || adcHeldEvents[i] == code) return true;
-    }
-    for (const KeyPair* k = unshifted; k->key; k++) {
-        if (k->event == code) return true;
-    }
-    for (const KeyPair* k = shifted; k->key; k++) {
-        if (k->event == code) return true;
     }
     return code == 3 || code == 88 || code == 89 || code == 90;
 }

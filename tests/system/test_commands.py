@@ -43,6 +43,8 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
     root = tmp_path / "root"
     music = root / "media" / "hdd1" / "music"
     make_album(music)
+    cover = bytes(range(256)) * 40
+    (music / "Tones" / "Three" / "coverart.jpg").write_bytes(cover)
     extra = music / "abba Band" / "First"
     extra.mkdir(parents=True)
     subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
@@ -129,6 +131,14 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
         assert api(base, f"deletePlaylistIndex&playlist={pid}&index=0") == b'"OK"'
         assert api(base, f"deleteID&id={lists[1]['id']}") == b"[]"
         assert [p["name"] for p in japi(base, "listplaylists")] == ['Evening "Mix"']
+
+        # Cover art comes back as the file; an album without one is "[]".
+        assert api(base, f"getAlbumArt&id={albums[0]['id']}") == cover
+        assert api(base, f"getAlbumArt&id={found[0]['id']}") == b"[]"
+        # A key code that would end the program is not a key.
+        assert api(base, "sendKey&index=97") == b"[]"
+        d.wait_for("webSendKey () ignoring 97")
+        assert japi(base, "getMasks") == {"orMask": 0x3ffffff, "notMask": 0}
         assert d.stop() == 0
     except AssertionError:
         print("\n".join(d.lines[-80:]))
