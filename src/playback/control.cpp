@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -487,7 +488,18 @@ bool isFading() {
     return S().fading;
 }
 
+// Tracks are started from the main loop and from the web listener alike. Two
+// starts at once would share one channel's feeder and decoder slot, so they
+// take turns; the output thread never waits for this lock.
+namespace {
+std::mutex& startMutex() {
+    static std::mutex& m = *new std::mutex;
+    return m;
+}
+}  // namespace
+
 int startPlayingTrack(const std::string& path) {
+    std::lock_guard<std::mutex> turn(startMutex());
     if (inSegue()) stopPlayNoMute();
     int ch = prepareSegue2();
     {
@@ -523,6 +535,7 @@ int startPlayingRaw(const std::string& path) {
     fseek(f, 0, SEEK_END);
     long long length = ftell(f);
     fseek(f, 0, SEEK_SET);
+    std::lock_guard<std::mutex> turn(startMutex());
     if (inSegue()) stopPlayNoMute();
     int ch = prepareSegue2();
     Lock g(playMutex());
@@ -537,6 +550,7 @@ int startPlayingRaw(const std::string& path) {
 }
 
 int startPlayingCD(int index) {
+    std::lock_guard<std::mutex> turn(startMutex());
     stopPlayNoMute();
     if (!startCDReader(index)) return 0;
     Lock g(playMutex());

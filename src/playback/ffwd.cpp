@@ -144,7 +144,7 @@ void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track)
             size_t n;
             {
                 std::lock_guard<std::mutex> hold(track->fileMutex);
-                n = fread(block, 1, sizeof block, track->file);
+                n = track->file ? fread(block, 1, sizeof block, track->file) : 0;
             }
             if (n == 0) break;
             size_t done = 0;

@@ -140,8 +140,10 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
         d.wait_for("webSendKey () ignoring 97")
         assert japi(base, "getMasks") == {"orMask": 0x3ffffff, "notMask": 0}
         assert d.stop() == 0
-    except AssertionError:
+    except (AssertionError, OSError):
         print("\n".join(d.lines[-80:]))
+        if d.proc.poll() is not None:
+            print("daemon ended with", d.proc.returncode, d.stderr()[-3000:])
         raise
     finally:
         webstack.stop_lighttpd(root)
