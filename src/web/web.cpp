@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <thread>
 
 #include "core/events.h"
+#include "core/files.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/ui.h"
@@ -20,7 +22,9 @@
 #include "library/names.h"
 #include "playback/control.h"
 #include "playback/playback.h"
+#include "playback/resample.h"
 #include "playback/smartbuffer.h"
+#include "ripping/ripper.h"
 #include "web/commands.h"
 #include "web/params.h"
 #include "web/upload.h"
@@ -36,6 +40,8 @@ std::atomic<int> forceWebRefresh{1};
 std::mutex queueMutex;
 std::mutex alertMutex;
 std::string webAlertMessage;
+// When the alert goes away by itself; the epoch when it stays.
+std::chrono::steady_clock::time_point webAlertEnd;
 
 // Everything a request needs, allocated once.
 struct WebState {
@@ -46,6 +52,7 @@ struct WebState {
 };
 std::unique_ptr<WebState> web;
 std::unique_ptr<SmartBuffer> webBuffer;
+Upsampler webUpsampler;  // the output thread's alone
 std::mutex titleMutex;
 std::string webTitle;
 
@@ -120,6 +127,38 @@ void webBlob(const char* uri, FcgiReply* reply) {
     }
     web->stdinParser.armAudio();
     reply->text = getWebSamplesEnabled ? "\"OK\"" : "\"Stopped\"";
+}
+
+// Starts the rip ("newRip") or renames the album ripped from this disc
+// ("reindex") with the names in the metadata file.
+void startFromRipMetadata(bool newRip) {
+    RipNames names;
+    if (!readRipMetadata(hostPath("/tmp/ripMetadata"), &names)) return;
+    if (newRip) {
+        setUploadedRipNames(names);
+        ripUserChoice = -1;
+        startRip();
+    } else {
+        reindexAlbum(names);
+    }
+}
+
+// The page sends the names as the request's body, kept as the metadata file
+// once the body is whole; without a body the file already there is used.
+void webRipWithNames(bool newRip, FcgiReply* reply) {
+    if (web->params.contentLength > 0) {
+        web->stdinParser.armText([newRip](const std::string& text) {
+            std::string path = hostPath("/tmp/ripMetadata");
+            bool ok = writeFileAtomically(path, [&text](FILE* f) {
+                return fwrite(text.data(), 1, text.size(), f) == text.size();
+            });
+            if (!ok) kzLog("Cannot write %s\n", path.c_str());
+            startFromRipMetadata(newRip);
+        });
+    } else {
+        startFromRipMetadata(newRip);
+    }
+    reply->text = "\"OK\"";
 }
 
 void webCheckUpload(FcgiReply* reply) {
@@ -260,6 +299,8 @@ void webTransportCommand(const char* uri, const char* from, FcgiReply* reply) {
         webUpload(uri, reply);
     } else if (strncmp(from, "checkUpload", 11) == 0) {
         webCheckUpload(reply);
+    } else if (strncmp(from, "reindex", 7) == 0 || strncmp(from, "newRip", 6) == 0) {
+        webRipWithNames(from[0] == 'n', reply);
     }
 }
 
@@ -269,6 +310,22 @@ bool getWebSamples(int16_t* dest, int frames) {
     if (!webBuffer->dumbGet(frames, dest)) {
         for (int i = 0; i < frames * 2; i++)
             dest[i] = 1;
+    }
+    return true;
+}
+
+bool getWebSamples(int32_t* dest, int frames) {
+    if (!getWebSamplesRunning || !webBuffer) return false;
+    bool dry = false;
+    webUpsampler.pull(dest, frames, [&dry](int16_t* d, int n) {
+        dry = !webBuffer->dumbGet(n, d);
+        return dry ? 0 : n;
+    });
+    if (dry) {
+        // The idle value: 16-bit words of 1, two to a 32-bit sample.
+        for (int i = 0; i < frames * 2; i++)
+            dest[i] = 0x00010001;
+        webUpsampler.reset();
     }
     return true;
 }
@@ -284,12 +341,23 @@ void wakeAndAddEvent(int code) {
 }
 
 void webAlert(const char* text) {
+    webAlertFor(text, 0);
+}
+
+void webAlertFor(const char* text, int seconds) {
     std::lock_guard<std::mutex> g(alertMutex);
     webAlertMessage = text;
+    webAlertEnd = seconds > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(seconds)
+                              : std::chrono::steady_clock::time_point();
 }
 
 std::string getWebAlert() {
     std::lock_guard<std::mutex> g(alertMutex);
+    if (webAlertEnd != std::chrono::steady_clock::time_point() &&
+        std::chrono::steady_clock::now() > webAlertEnd) {
+        webAlertMessage.clear();
+        webAlertEnd = {};
+    }
     return webAlertMessage;
 }
 

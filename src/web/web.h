@@ -24,6 +24,8 @@ void webTransportCommand(const char* uri, const char* from, FcgiReply* reply);
 // Wakes the display (event 80), then posts code.
 void wakeAndAddEvent(int code);
 void webAlert(const char* text);
+// An alert the pages show for that many seconds.
+void webAlertFor(const char* text, int seconds);
 std::string getWebAlert();
 void lockQueue();
 void unlockQueue();
@@ -36,5 +38,7 @@ extern std::atomic<int> getWebSamplesEnabled;
 extern std::atomic<int> getWebSamplesRunning;
 // One period of the browser's audio; false while it is not playing.
 bool getWebSamples(int16_t* dest, int frames);
+// The same in high resolution (the browser sends CD-rate audio).
+bool getWebSamples(int32_t* dest, int frames);
 // The browser stream's title ("Browser" when it has none).
 std::string getWebTitle();
