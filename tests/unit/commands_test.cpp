@@ -18,6 +18,7 @@
 #include "core/paths.h"
 #include "library/ids.h"
 #include "library/library.h"
+#include "library/playlists.h"
 #include "library/scan.h"
 #include "library/settings.h"
 #include "playback/control.h"
@@ -64,6 +65,8 @@ class CommandsTest : public LibraryFixture {
         resetPlayback();
         initPipe();
         initWeb();
+        initPlaylists();
+        loadPlaylists();
         uiQInit();
     }
     void TearDown() override {
@@ -177,15 +180,16 @@ TEST_F(CommandsTest, TheFirstNameInTheTableWinsWhereverItStands) {
 }
 
 // Overlaps among commands that are not built everywhere can only be told
-// apart once they answer.
+// apart once they answer; until then they answer "thanks" or an empty list.
 TEST_F(CommandsTest, OverlappingNamesOfLaterCommands) {
-    std::string url = call("/api/getVideoThumbnailUrl&id=1");
-    std::string thumb = call("/api/getVideoThumbnail&id=1");
     std::string lists = call("/api/listplaylists");
     std::string both = call("/api/listplaylist&id=4000000&listplaylists");
     EXPECT_EQ(both, lists) << "a URI holding both words lists the playlists";
-    if (url == kThanks && thumb == kThanks)
-        GTEST_SKIP() << "the video thumbnail commands answer \"thanks\" on this branch";
+    std::string url = call("/api/getVideoThumbnailUrl&id=1");
+    std::string thumb = call("/api/getVideoThumbnail&id=1");
+    auto notBuilt = [](const std::string& reply) { return reply == kThanks || reply == "[]"; };
+    if (notBuilt(url) && notBuilt(thumb))
+        GTEST_SKIP() << "the video thumbnail commands are not built on this branch";
     EXPECT_NE(url, thumb);
 }
 
@@ -249,7 +253,7 @@ TEST_F(CommandsTest, ParametersAreReadByTheirOwnRules) {
 TEST_F(CommandsTest, PlaylistCommandsAnswerAsDocumented) {
     scanHostileLibrary();
     std::string made = call("/api/newPlaylist&name=Road%20%22Trip%22");
-    if (made == kThanks) GTEST_SKIP() << "playlists are not built on this branch yet";
+    if (made == kThanks) GTEST_SKIP() << "playlists are not built on this branch";
     ASSERT_TRUE(isJson(made)) << made;
     int id = atoi(made.c_str() + made.find(':') + 1);
     EXPECT_TRUE(idIsPlaylist(id)) << made;
@@ -429,6 +433,43 @@ TEST_F(CommandsTest, EveryReplyMeantAsJsonParsesOverHostileNames) {
                             "playID&id=2000004",
                             "status",
                             "search&string=%22",
+                            "newPlaylist&name=%22List%22%5C%01%0A",
+                            "newPlaylist&name=Queue",
+                            "addIdToPlaylist&id=2000001&playlist=4000000&index=0",
+                            "addIdToPlaylist&id=1000002&playlist=4000000&index=9",
+                            "addIdToPlaylist&id=3000003&playlist=4000000&index=1",
+                            "listplaylists",
+                            "listplaylist&id=4000000",
+                            "queueID&id=2000002",
+                            "listplaylist&id=4000001",
+                            "startPlaylist&playlist=4000000&id=0",
+                            "status",
+                            "mixPlaylists&id=4000000",
+                            "renameID&id=4000000&name=%7B%22%5D",
+                            "listplaylists",
+                            "deletePlaylistIndex&playlist=4000000&index=0",
+                            "moveID&id=1000003&name=%22Moved%5C",
+                            "listartist&id=3000003",
+                            "listClasses",
+                            "getMasks",
+                            "setMasks&orMask=3&notMask=0",
+                            "getSpace",
+                            "getAlbumArt&id=1000000",
+                            "getCurrentArtPath",
+                            "getCurrentArt",
+                            "getCDDB&index=1",
+                            "getDiscid",
+                            "sendKey&index=5",
+                            "tvui&tvui=1",
+                            "hdmi&hdmi=0",
+                            "airable&airable=0",
+                            "vCache&vCache=0",
+                            "equaliser&equaliser=0",
+                            "guest&guest=0&playlist=4000000",
+                            "setClassical&classical=1",
+                            "deleteID&id=4000001",
+                            "newRip",
+                            "reindex",
                             "kTubeDebug&command=status",
                             "deleteID&id=2000000",
                             "scanDisk",
