@@ -167,6 +167,10 @@ int renameID(int id, const char* name) {
         kzLog("badName in renameID\n");
         return 0;
     }
+    if (!idIsTag(id) && !(idExists(id) && (idIsTrack(id) || idIsAlbum(id) || idIsArtist(id)))) {
+        kzLog("ERROR renameID cannot rename %d\n", id);
+        return 0;
+    }
     std::string clean = cleanPathName(name);
     int done = 1;
     if (idIsTrack(id)) {
@@ -186,6 +190,12 @@ int renameID(int id, const char* name) {
 }
 
 int deleteID(int id) {
+    // Nothing is removed for an item that is not in the library: a stale slot
+    // past the end of a table still names a file of a listed track.
+    if (!idExists(id)) {
+        kzLog("ERROR deleteID cannot delete %d\n", id);
+        return 0;
+    }
     if (idIsTrack(id)) {
         int t = idToTrack(id);
         std::string path = getTrackPath(t);

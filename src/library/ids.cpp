@@ -42,7 +42,18 @@ std::string idName(int id) {
     return "Invalid";
 }
 
+bool idExists(int id) {
+    if (idIsTrack(id)) return idToTrack(id) < getTrackCount();
+    if (idIsAlbum(id)) return idToAlbum(id) < getAlbumCount();
+    if (idIsArtist(id)) return idToArtist(id) < getArtistCount();
+    if (idIsUSBTrack(id)) return idToUSBTrack(id) < getUSBTrackcount();
+    if (idIsUSBAlbum(id)) return idToUSBAlbum(id) < getUSBAlbumcount();
+    if (idIsUSBArtist(id)) return idToUSBArtist(id) < getUSBArtistcount();
+    return false;
+}
+
 std::string getIdPath(int id) {
+    if (!idExists(id)) return "";
     if (idIsAlbum(id)) return getAlbumPath(idToAlbum(id));
     if (idIsTrack(id)) return getTrackPath(idToTrack(id));
     if (idIsUSBTrack(id)) return getUSBTrackPath(idToUSBTrack(id));
@@ -50,6 +61,7 @@ std::string getIdPath(int id) {
 }
 
 int getParentId(int id) {
+    if (!idExists(id)) return 0;
     if (idIsTrack(id)) return albumToID(getParentAlbum(idToTrack(id)));
     if (idIsAlbum(id)) return artistToID(getAlbumArtist(idToAlbum(id)));
     if (idIsUSBTrack(id)) return USBAlbumToID(getUSBParentAlbum(idToUSBTrack(id)));

@@ -138,6 +138,8 @@ const char* idType(int id);
 // The name shown for an item; "Bad ID" outside the bands, "Invalid" for an
 // item that does not exist.
 std::string idName(int id);
+// True for a track, album or artist (local or USB) that is in its table.
+bool idExists(int id);
 // The full path of an album, track or USB track; empty for other kinds.
 std::string getIdPath(int id);
 // Track → album, album → artist, USB track → USB album, USB album → USB

@@ -490,11 +490,10 @@ TEST_F(CommandsTest, EveryReplyMeantAsJsonParsesOverHostileNames) {
     }
 }
 
-// Off until renameID, deleteID and getParent check their ids against the
-// tables' counts: today the requests below read past the tables (or take a
-// null name), and deleting one past the last track removes the file of a
-// track that is still listed. Run with --gtest_also_run_disabled_tests.
-TEST_F(CommandsTest, DISABLED_IdsPastTheTablesChangeNothing) {
+// Ids past the tables' counts once read past the tables (or took a null
+// name), and deleting one past the last track removed the file of a track
+// that was still listed.
+TEST_F(CommandsTest, IdsPastTheTablesChangeNothing) {
     scanHostileLibrary();
     int tracks = getTrackCount();
     call("/api/deleteID&id=" + std::to_string(trackToID(0)));
