@@ -12,6 +12,7 @@
 #include "core/events.h"
 #include "core/frontpanel.h"
 #include "core/log.h"
+#include "core/ui.h"
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/playlists.h"
@@ -22,6 +23,7 @@
 #include "playback/output.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
+#include "playback/smartbuffer.h"
 #include "web/web.h"
 
 namespace {
@@ -214,6 +216,14 @@ void getSamples(void* out, int frames) {
     PlayState& s = S();
     uint8_t* dest = static_cast<uint8_t*>(out);
     const int fb = outputFrameBytes();
+    if (punchThru() && punchBuffer()) {
+        // A slot is 4 bytes: a high-resolution frame takes two.
+        if (smartGetSamplesS2(punchBuffer(), frames * fb / 4, dest)) return;
+        if (clearPunchThru()) {
+            kzLog("mute (PunchThru)\n");
+            refreshUI();
+        }
+    }
     if (fb == 8 ? getWebSamples(reinterpret_cast<int32_t*>(dest), frames)
                 : getWebSamples(reinterpret_cast<int16_t*>(dest), frames))
         return;

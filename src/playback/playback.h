@@ -15,8 +15,16 @@ void initPlay();
 void setHighResolution(bool on);
 void stopPlay();
 bool isPlaying();
-// The aux pass-through is active (aux input is not built: never).
+// Audio passed straight through from another player: its producer fills the
+// punch-through buffer and raises the flag; the output plays it ahead of
+// everything else until the buffer runs dry. (The streaming receiver that
+// would produce it is not built.)
 bool punchThru();
+void startPunchThru();
+// Lowers the flag; true when this call lowered it.
+bool clearPunchThru();
+class SmartBuffer;
+SmartBuffer* punchBuffer();
 void killFfmpegs();
 void deleteZombies();
 // Guards the channels' state against the output callback. Recursive: a fade's

@@ -11,6 +11,7 @@
 #include "library/settings.h"
 #include "playback/output.h"
 #include "playback/playback.h"
+#include "playback/smartbuffer.h"
 
 namespace {
 
@@ -79,6 +80,26 @@ TEST_F(ControlTest, IdleIsOneAndASingleChannelPlaysThrough) {
     EXPECT_EQ(tail[952 * 2], 0);
     period();
     EXPECT_FALSE(isPlaying());
+}
+
+TEST_F(ControlTest, PunchThroughPlaysAheadOfTracksUntilItRunsDry) {
+    ASSERT_EQ(startPlayingRaw(raw("a.raw", 44100, 1234)), 1);
+    SmartBuffer* b = punchBuffer();
+    std::vector<int16_t> frames(static_cast<size_t>(b->size()) * 2, -777);
+    // Primed to three quarters: a get then plays it.
+    ASSERT_EQ(smartPutSamplesNF(b, b->size() * 3 / 4 + 1024, frames.data()),
+              b->size() * 3 / 4 + 1024);
+    startPunchThru();
+    auto p = period();
+    EXPECT_TRUE(std::all_of(p.begin(), p.end(), [](int16_t s) { return s == -777; }));
+    EXPECT_TRUE(punchThru());
+    // Drained: the flag drops and the track is heard again where it was.
+    while (b->used() >= 1024)
+        period();
+    p = period();
+    EXPECT_FALSE(punchThru());
+    EXPECT_EQ(p[0], 1234);
+    clearSmartBuffer(b);
 }
 
 TEST_F(ControlTest, CrossfadeLastsItsLengthForEachSegueMode) {
