@@ -130,6 +130,8 @@ void SmartBuffer::putW(int n, const void* src) {
     }
     used_ += n;
     copyIn(src, n);
+    // A blocking get may be waiting for exactly these.
+    wakeup_.notify_all();
 }
 
 void SmartBuffer::putS(int n, const void* src) {
@@ -252,6 +254,8 @@ int SmartBuffer::getW(int n, void* dst) {
     }
     used_ -= n;
     copyOut(dst, n);
+    // And a blocking put for the room.
+    wakeup_.notify_all();
     return 1;
 }
 
