@@ -62,3 +62,31 @@ bool isFolder(const std::string& path) {
 bool fileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
+
+bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*)>& write) {
+    std::string temp = path + ".new";
+    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    File f(fd >= 0 ? fdopen(fd, "w") : nullptr);
+    if (!f) {
+        if (fd >= 0) close(fd);
+        return false;
+    }
+    bool ok = write(f.get());
+    ok = ok && fflush(f.get()) == 0 && !ferror(f.get()) && fsync(fileno(f.get())) == 0;
+    ok = fclose(f.release()) == 0 && ok;
+    if (!ok || rename(temp.c_str(), path.c_str()) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    // The rename itself must reach the disk too.
+    size_t slash = path.rfind('/');
+    std::string folder = slash == std::string::npos ? "."
+                         : slash == 0               ? "/"
+                                                    : path.substr(0, slash);
+    int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+    return true;
+}

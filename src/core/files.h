@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,3 +23,8 @@ int removeFile(const std::string& path);
 int removeTree(const std::string& path);
 bool isFolder(const std::string& path);
 bool fileExists(const std::string& path);
+
+// Writes path through a temporary file in the same folder, flushed, synced
+// and renamed over it: a power cut leaves the old file or the new one, never
+// half of one. write returns false to give up; the old file then stays.
+bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*)>& write);

@@ -7,11 +7,13 @@
 #include "core/shutdown.h"
 #include "library/ids.h"
 #include "library/library.h"
+#include "library/playlists.h"
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/pipe.h"
 #include "ripping/cdrom.h"
 #include "ripping/ripper.h"
+#include "web/web.h"
 
 std::atomic<int> mstate{0};
 
@@ -28,7 +30,10 @@ void gotoState(int state) {
 bool isStandby() {
     return mstate == STATE_STANDBY;
 }
-void alert(const char*, int) {}
+// The panel's screens are not built; the web pages show the alert.
+void alert(const char* text, int seconds) {
+    webAlertFor(text, seconds);
+}
 int tftEventHandler(int) {
     return 0;
 }
@@ -45,6 +50,12 @@ namespace {
 // playlists, searching, factory tests) only say so.
 void notBuilt(const char* what) {
     kzInfo("%s: not built\n", what);
+}
+
+void playlistOff() {
+    if (!isPlaylistPlaying()) return;
+    stopPlaylistPlayback();
+    alert("Playlist Off", 3);
 }
 
 void globalHandling(int event) {
@@ -80,8 +91,8 @@ void globalHandling(int event) {
         startPlayingPrev();
     } else if (event == 74) {
         int t = idToTrack(lib().currentID);
-        if (isClassical() && idIsTrack(lib().currentID) && t < getTrackCount() &&
-            isLastTrackOfAlbum(t)) {
+        if (isClassical() && !isPlaylistPlaying() && idIsTrack(lib().currentID) &&
+            t < getTrackCount() && isLastTrackOfAlbum(t)) {
             kzLog("NEXTEVENT Classical mode do nothing at end\n");
             return;
         }
@@ -100,8 +111,10 @@ void globalHandling(int event) {
     } else if (event == 21) {
         kzLog("IRRECKEY event recording=%d\n", 0);
         notBuilt("recording");
-    } else if (event == 42 || event == 26 || event == 18 || event == 51 || event == 52) {
-        notBuilt("playlists, search, pairing and factory tests");
+    } else if (event == 42) {
+        playlistOff();
+    } else if (event == 26 || event == 18 || event == 51 || event == 52) {
+        notBuilt("search, pairing and factory tests");
     } else if (event == 3) {
         if (!isRipping()) {
             if (getSelectedSource() == SEL_CD) selectHDD();
@@ -139,6 +152,7 @@ void globalHandling(int event) {
     } else if (event == 50) {
         notBuilt("aux input");
     } else if (event == 46) {
+        playlistOff();
         selectHDD();
     } else if (event == 47) {
         notBuilt("internet radio");

@@ -158,32 +158,13 @@ int writeDB() {
         kzLog("Failed to create file: %s\n", path.c_str());
         return 0;
     }
-    std::string temp = path + ".new";
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    File f(fd >= 0 ? fdopen(fd, "w") : nullptr);
-    if (!f) {
-        if (fd >= 0) close(fd);
-        kzLog("Failed to create file: %s\n", path.c_str());
-        return 0;
-    }
-    bool ok;
-    {
+    bool ok = writeFileAtomically(path, [](FILE* f) {
         std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
-        ok = writeAll(f.get());
-    }
-    // Only a complete file on disk may replace the old one: a power cut
-    // leaves the old library or the new one, never half of one.
-    ok = ok && fsync(fileno(f.get())) == 0;
-    ok = (fclose(f.release()) == 0) && ok;
-    if (!ok || rename(temp.c_str(), path.c_str()) != 0) {
-        unlink(temp.c_str());
+        return writeAll(f);
+    });
+    if (!ok) {
         kzLog("Failed to create file: %s\n", path.c_str());
         return 0;
-    }
-    int dir = open(getLocalPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-        fsync(dir);
-        close(dir);
     }
     sync();
     lib().dirtybit = 0;

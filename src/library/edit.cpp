@@ -219,3 +219,35 @@ int deleteID(int id) {
     saveDBifChanged();
     return 1;
 }
+
+int moveAlbumToArtist(int a, const char* artistName) {
+    if (a < 0 || a >= getAlbumCount() || badName(artistName)) {
+        kzLog("moveAlbumToArtist () refused\n");
+        return 0;
+    }
+    std::string artist = cleanPathName(artistName);
+    std::string folder = getMusicDirectory() + "/" + artist;
+    std::string from = getAlbumPath(a);
+    std::string to = folder + "/" + getAlbumName(a);
+    if (!isSafeLibraryPath(from) || !isSafeLibraryPath(to)) return 0;
+    if (fileExists(to)) {
+        kzLog("album already exists - move failed\n");
+        return 0;
+    }
+    if (!isFolder(folder) && mkdir(folder.c_str(), 0755) != 0) {
+        kzLog("moveAlbumToArtist () cannot make %s\n", folder.c_str());
+        return 0;
+    }
+    int result = rename(from.c_str(), to.c_str());
+    kzLog("Moved <%s>\nto <%s>\nResult %d\n", from.c_str(), to.c_str(), result);
+    if (result != 0) return 0;
+    {
+        std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
+        int r = addArtistToDb(artist.c_str());
+        lib().local.parentArtist[a] = r;
+        lib().local.albumIndex.invalidate();
+        lib().local.trackIndex.invalidate();
+    }
+    dirty();
+    return 1;
+}

@@ -13,5 +13,8 @@ int changeArtistName(int r, const char* name);
 // Removes the item's files and folders and its table entries; 1 when done,
 // 0 for a kind that cannot be deleted or a path that is not the library's.
 int deleteID(int id);
+// Moves an album's folder to another artist's (made when missing); the
+// album keeps its identifier. 1 when done.
+int moveAlbumToArtist(int a, const char* artistName);
 // True for a path below the music folder with no empty, "." or ".." part.
 bool isSafeLibraryPath(const std::string& path);

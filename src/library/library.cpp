@@ -173,6 +173,7 @@ void clearDB() {
     std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
     L().clear();
     lib().mirrorCount = 0;
+    playlistsLibraryCleared();
 }
 
 void clearUSBDB() {

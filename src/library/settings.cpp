@@ -385,18 +385,11 @@ void flushSettingsRaw() {
     S().dirty = 0;
     if (noStorage() || getLocalPath().empty()) return;
 
-    std::string path = getSettingsPath();
-    std::string temp = path + ".new";
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    File f(fd >= 0 ? fdopen(fd, "w") : nullptr);
-    if (!f) {
-        if (fd >= 0) close(fd);
-    } else {
-        writeAll(f.get());
-        bool ok = fflush(f.get()) == 0 && !ferror(f.get()) && fsync(fileno(f.get())) == 0;
-        ok = fclose(f.release()) == 0 && ok;
-        if (ok && rename(temp.c_str(), path.c_str()) == 0) return;
-        unlink(temp.c_str());
+    if (writeFileAtomically(getSettingsPath(), [](FILE* f) {
+            writeAll(f);
+            return true;
+        })) {
+        return;
     }
     kzLog("Cannot write kzsettings\n");
     // Memory keeps the settings; the next write tries again.

@@ -13,7 +13,9 @@
 #include "core/log.h"
 #include "library/ids.h"
 #include "library/library.h"
+#include "library/playlists.h"
 #include "library/settings.h"
+#include "library/sorting.h"
 #include "playback/cd.h"
 #include "playback/ffwd.h"
 #include "playback/output.h"
@@ -195,7 +197,7 @@ void getSamples(int16_t* dest, int frames) {
         int ch = b0 ? 0 : 1;
         int source = s.channel[ch].source;
         int n = getChannelSamples(ch, dest, frames);
-        if (n == 0 && source != SRC_IDLE && isClassical() &&
+        if (n == 0 && source != SRC_IDLE && !isPlaylistPlaying() && isClassical() &&
             isLastTrackOfAlbum(idToTrack(lib().currentID))) {
             addEvent(87);
         }
@@ -513,11 +515,17 @@ int startPlayingNext() {
         int next = getCDTrackIndex() + 1;
         return next < getCDTrackCount() ? startPlayingCD(next) : 0;
     }
+    if (isPlaylistPlaying()) {
+        int next = playlistNextTrack();
+        if (next >= 0) return playTrackIndex(next);
+        stopPlaylistPlayback();
+        return 0;
+    }
     int t = idToTrack(lib().currentID);
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
-    if (S().randomMode && getTrackCount() > 0) {
-        static std::mt19937 rng{std::random_device{}()};
-        return playTrackIndex(static_cast<int>(rng() % getTrackCount()));
+    if (S().randomMode) {
+        int next = shuffleNext(t);
+        return next >= 0 ? playTrackIndex(next) : 0;
     }
     std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     auto it = std::find(tracks.begin(), tracks.end(), t);
@@ -539,6 +547,10 @@ int startPlayingPrev() {
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
     // A few seconds in, "previous" means this track from its start.
     if (isPlaying() && getTimeIntoTrack() > 3) return playTrackIndex(t);
+    if (isPlaylistPlaying()) {
+        int prev = playlistPrevTrack();
+        return playTrackIndex(prev >= 0 ? prev : t);
+    }
     std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     auto it = std::find(tracks.begin(), tracks.end(), t);
     if (it != tracks.end() && it != tracks.begin()) return playTrackIndex(*(it - 1));

@@ -14,6 +14,7 @@
 #include "core/files.h"
 #include "core/log.h"
 #include "library/database.h"
+#include "library/edit.h"
 #include "library/library.h"
 #include "library/scan.h"
 #include "library/sorting.h"
@@ -415,4 +416,84 @@ int getLookupCandidateCount() {
 }
 RipNames getLookupCandidate(int) {
     return {};
+}
+
+bool parseRipMetadata(const std::string& text, RipNames* names) {
+    *names = RipNames();
+    bool any = false;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        start = end + 1;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        size_t eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+        any = any || key == "artist" || key == "album" || key == "track";
+        if (key == "artist") {
+            names->artist = value;
+        } else if (key == "album") {
+            names->album = value;
+        } else if (key == "year") {
+            names->year = value;
+        } else if (key == "genre") {
+            names->genre = value;
+        } else if (key == "art") {
+            names->artUrl = value;
+        } else if (key == "track" && names->tracks.size() < 99) {
+            names->tracks.push_back(value);
+        }
+    }
+    return any;
+}
+
+int readRipMetadata(const std::string& path, RipNames* names) {
+    std::string text;
+    File f(fopen(path.c_str(), "r"));
+    if (f) {
+        char buffer[4096];
+        size_t n;
+        while ((n = fread(buffer, 1, sizeof buffer, f.get())) > 0 && text.size() < 65536)
+            text.append(buffer, n);
+    }
+    int ok = f && parseRipMetadata(text, names) ? 1 : 0;
+    kzLog("uploadFile <%s> = %d\n", path.c_str(), ok);
+    return ok;
+}
+
+int reindexAlbum(const RipNames& names) {
+    if (testUnitReady() != CD_READY) {
+        kzLog("reindex () no disc\n");
+        return 0;
+    }
+    std::string disc = computeDiscId(currentToc());
+    int album = -1;
+    for (int a = 0; a < getAlbumCount() && album < 0; a++) {
+        File f(fopen((getAlbumPath(a) + "/discid").c_str(), "r"));
+        char line[128] = "";
+        if (f && fgets(line, sizeof line, f.get())) {
+            line[strcspn(line, "\r\n")] = 0;
+            if (disc == line) album = a;
+        }
+    }
+    if (album < 0) {
+        kzLog("reindex () no album was ripped from disc %s\n", disc.c_str());
+        return 0;
+    }
+    for (int t : albumTrackOrder(album)) {
+        int number = getTrackOrder(t);
+        if (number >= 1 && number <= static_cast<int>(names.tracks.size()) &&
+            !names.tracks[number - 1].empty()) {
+            changeTrackName(t, cleanRipName(names.tracks[number - 1]).c_str());
+        }
+    }
+    if (!names.album.empty()) changeAlbumName(album, cleanRipName(names.album).c_str());
+    std::string artist = names.artist.empty() ? "" : cleanRipName(names.artist);
+    if (!artist.empty() && artist != getArtistName(getAlbumArtist(album))) {
+        moveAlbumToArtist(album, artist.c_str());
+    }
+    saveDBifChanged();
+    return 1;
 }

@@ -51,6 +51,16 @@ std::string getRipAlbum();
 std::string getRipTrack();
 std::string getRipArtPath();
 
+// The names a page uploads for a rip: UTF-8 lines of "key=value" with the
+// keys artist, album, year, genre, art (a cover address) and one "track" per
+// track in order. False when the text holds no such line.
+bool parseRipMetadata(const std::string& text, RipNames* names);
+// Reads and parses the file; 1 when it held names.
+int readRipMetadata(const std::string& path, RipNames* names);
+// Renames the album that was ripped from the disc in the drive (found by its
+// "discid" file) and its tracks to the names given. 1 when done.
+int reindexAlbum(const RipNames& names);
+
 // A name from a disc or an upload made safe as one file or folder name,
 // UTF-8 kept, cut to at most maxBytes without splitting a character.
 std::string cleanRipName(const std::string& name, size_t maxBytes = 143);

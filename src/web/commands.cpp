@@ -5,22 +5,29 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/events.h"
+#include "core/keys.h"
 #include "core/log.h"
 #include "core/shutdown.h"
+#include "library/database.h"
 #include "library/edit.h"
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/names.h"
+#include "library/playlists.h"
 #include "library/scan.h"
 #include "library/settings.h"
+#include "library/sorting.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "ripping/cdrom.h"
 #include "ripping/ripper.h"
 #include "web/params.h"
 #include "web/status.h"
@@ -53,7 +60,20 @@ std::string settingWord(const Request& r) {
     return word;
 }
 
+// Plays the playlist from its entry holding fromId (0: its start).
+void playPlaylist(int index, int fromId) {
+    int first = startPlaylistPlayback(index, fromId, getRandomMode() != 0);
+    if (first < 0) {
+        kzLog("Playlist %d has nothing to play\n", index);
+        return;
+    }
+    if (getSelectedSource() != SEL_HDD) selectHDD();
+    startPlayingLocalID(trackToID(first));
+}
+
 void playByKind(int id) {
+    // Choosing anything else leaves the playlist that plays.
+    if (!idIsPlaylist(id)) stopPlaylistPlayback();
     if (idIsTrack(id) || idIsAlbum(id) || idIsArtist(id)) {
         if (getSelectedSource() != SEL_HDD) selectHDD();
         startPlayingID(id);
@@ -73,6 +93,7 @@ void playByKind(int id) {
         }
     } else if (idIsPlaylist(id)) {
         kzLog("ID %d is a Playlist\n", id);
+        playPlaylist(idToPlaylist(id), 0);
     } else if (idIsPreset(id)) {
         kzLog("preset %d is a NOT a Playlist\n", idToPreset(id));
     } else {
@@ -126,6 +147,7 @@ void webSetSorted(const Request& r) {
     const char* v = findParameter(r.from, "&reversed=");
     if (s) setSorted(atoi(s));
     if (v) setReversed(atoi(v));
+    if (s || v) sortAlbumsAndArtists();
     r.reply->text = "[]";
 }
 
@@ -136,7 +158,13 @@ void webRenameID(const Request& r) {
     if (getNumericParameter(&p, "&id=", &id) && name) {
         char text[200];
         stripPercentagesFromURLTail(text, name, sizeof text);
-        renameID(id, text);
+        lockQueue();
+        if (idIsPlaylist(id)) {
+            renamePlaylist(idToPlaylist(id), text);
+        } else {
+            renameID(id, text);
+        }
+        unlockQueue();
     }
     r.reply->text = "[]";
 }
@@ -144,7 +172,15 @@ void webRenameID(const Request& r) {
 void webDeleteID(const Request& r) {
     const char* p = r.after;
     int id = 0;
-    if (getNumericParameter(&p, "&id=", &id)) deleteID(id);
+    if (getNumericParameter(&p, "&id=", &id)) {
+        lockQueue();
+        if (idIsPlaylist(id)) {
+            deletePlaylist(idToPlaylist(id));
+        } else {
+            deleteID(id);
+        }
+        unlockQueue();
+    }
     r.reply->text = "[]";
 }
 
@@ -214,8 +250,8 @@ void webListArtist(const Request& r) {
     static thread_local JsonList list;
     list = JsonList();
     if (idIsArtist(id)) {
-        for (int a = 0; a < getAlbumCount(); a++) {
-            if (getAlbumArtist(a) == idToArtist(id) &&
+        for (int a : albumsInDisplayOrder()) {
+            if (getAlbumArtist(a) == idToArtist(id) && albumVisible(a) &&
                 !list.add(idName(albumToID(a), getAlbumName(a))))
                 break;
         }
@@ -303,20 +339,59 @@ void webSearch3(const Request& r) {
     int offset = 0, count = 500;
     if ((v = findParameter(r.uri, "&offset="))) offset = std::max(0, atoi(v));
     if ((v = findParameter(r.uri, "&count="))) count = std::min(1000, std::max(0, atoi(v)));
+    int playlist = -1;
+    if ((v = findParameter(r.uri, "&playlist="))) {
+        playlist = atoi(v);
+        if (idIsPlaylist(playlist)) playlist = idToPlaylist(playlist);
+    }
     std::vector<int> found;
-    if (flag(r.uri, "&artists=")) {
-        for (int a = 0; a < getArtistCount(); a++) {
-            if (containsNoCase(getArtistName(a), needle)) found.push_back(artistToID(a));
+    if (playlist >= 0) {
+        // Within one playlist: its entries whose names hold the text.
+        for (int id : getPlaylistEntries(playlist)) {
+            const char* name = idIsTrack(id)   ? getTrackName(idToTrack(id))
+                               : idIsAlbum(id) ? getAlbumName(idToAlbum(id))
+                                               : getArtistName(idToArtist(id));
+            if (containsNoCase(name, needle)) found.push_back(id);
         }
-    }
-    if (flag(r.uri, "&albums=")) {
-        for (int a = 0; a < getAlbumCount(); a++) {
-            if (containsNoCase(getAlbumName(a), needle)) found.push_back(albumToID(a));
+    } else {
+        std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
+        if (flag(r.uri, "&artists=")) {
+            for (int a : artistsInDisplayOrder()) {
+                if (artistVisible(a) && containsNoCase(getArtistName(a), needle)) {
+                    found.push_back(artistToID(a));
+                }
+            }
         }
-    }
-    if (flag(r.uri, "&tracks=")) {
-        for (int t = 0; t < getTrackCount(); t++) {
-            if (containsNoCase(getTrackName(t), needle)) found.push_back(trackToID(t));
+        std::vector<int> albums = albumsInDisplayOrder();
+        if (flag(r.uri, "&albums=")) {
+            for (int a : albums) {
+                if (albumVisible(a) && containsNoCase(getAlbumName(a), needle)) {
+                    found.push_back(albumToID(a));
+                }
+            }
+        }
+        if (flag(r.uri, "&tracks=")) {
+            // Tracks in the albums' display order, bucketed by album in one
+            // pass (each album's tracks in table order).
+            const int albumCount = getAlbumCount();
+            auto inRange = [albumCount](int a) { return a >= 0 && a < albumCount; };
+            std::vector<int> byAlbum(albumCount + 1, 0);
+            for (int t = 0; t < getTrackCount(); t++) {
+                if (inRange(getParentAlbum(t))) byAlbum[getParentAlbum(t) + 1]++;
+            }
+            for (size_t a = 1; a < byAlbum.size(); a++)
+                byAlbum[a] += byAlbum[a - 1];
+            std::vector<int> tracks(getTrackCount());
+            std::vector<int> fill(byAlbum.begin(), byAlbum.end() - 1);
+            for (int t = 0; t < getTrackCount(); t++) {
+                int a = getParentAlbum(t);
+                if (inRange(a) && containsNoCase(getTrackName(t), needle)) tracks[fill[a]++] = t;
+            }
+            for (int a : albums) {
+                if (!albumVisible(a)) continue;
+                for (int i = byAlbum[a]; i < fill[a]; i++)
+                    found.push_back(trackToID(tracks[i]));
+            }
         }
     }
     static thread_local JsonList list;
@@ -450,13 +525,320 @@ void getWebSlowStatus(const Request& r) {
     webStatus(r, false);
 }
 
+// A playlist parameter: its identifier, or its plain index.
+int playlistIndex(int value) {
+    return idIsPlaylist(value) ? idToPlaylist(value) : value;
+}
+
+void webListPlaylists(const Request& r) {
+    static thread_local JsonList list;
+    list = JsonList();
+    for (int i = 0; i < getPlaylistCount(); i++) {
+        std::string item = "{\"id\":" + std::to_string(playlistToID(i)) +
+                           ",\"name\":" + quoted(getPlaylistName(i).c_str()) +
+                           ",\"count\":" + std::to_string(getPlaylistEntries(i).size()) + "}";
+        if (!list.add(item)) break;
+    }
+    r.reply->text = list.finish();
+}
+
+void webListPlaylist(const Request& r) {
+    int id = getIdParameter(r.uri);
+    static thread_local JsonList list;
+    list = JsonList();
+    if (idIsPlaylist(id)) {
+        std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
+        for (int item : getPlaylistEntries(idToPlaylist(id))) {
+            if (!list.add(itemObject(item))) break;
+        }
+    }
+    r.reply->text = list.finish();
+}
+
+void webNewPlaylist(const Request& r) {
+    const char* v = findParameter(r.after, "&name=");
+    char name[200] = "";
+    if (v) stripPercentagesFromURLTail(name, v, sizeof name);
+    lockQueue();
+    int index = name[0] ? newPlaylist(name) : -1;
+    unlockQueue();
+    r.reply->text = index < 0 ? "[]" : keep("{\"id\":" + std::to_string(playlistToID(index)) + "}");
+}
+
+void webAddIdToPlaylist(const Request& r) {
+    const char* p = r.after;
+    int id = 0, playlist = 0, index = 0;
+    r.reply->text = "[]";
+    if (!getNumericParameter(&p, "&id=", &id) ||
+        !getNumericParameter(&p, "&playlist=", &playlist) ||
+        !getNumericParameter(&p, "&index=", &index)) {
+        return;
+    }
+    lockQueue();
+    bool ok = addToPlaylist(playlistIndex(playlist), id, index);
+    unlockQueue();
+    if (ok) r.reply->text = "\"OK\"";
+}
+
+void webDeletePlaylistIndex(const Request& r) {
+    const char* p = r.after;
+    int playlist = 0, index = 0;
+    r.reply->text = "[]";
+    if (!getNumericParameter(&p, "&playlist=", &playlist) ||
+        !getNumericParameter(&p, "&index=", &index)) {
+        return;
+    }
+    lockQueue();
+    bool ok = removeFromPlaylist(playlistIndex(playlist), index);
+    unlockQueue();
+    if (ok) r.reply->text = "\"OK\"";
+}
+
+void webMixPlaylists(const Request& r) {
+    const char* p = r.after;
+    int playlist = 0;
+    r.reply->text = "[]";
+    if (!getNumericParameter(&p, "&id=", &playlist)) return;
+    lockQueue();
+    bool ok = mixPlaylist(playlistIndex(playlist));
+    unlockQueue();
+    if (ok) r.reply->text = "\"OK\"";
+}
+
+void webQueueID(const Request& r) {
+    const char* p = r.after;
+    int id = 0;
+    r.reply->text = "[]";
+    if (!getNumericParameter(&p, "&id=", &id)) return;
+    lockQueue();
+    int queue = getQueuePlaylist();
+    bool ok = queue >= 0 && addToPlaylist(queue, id, kMaxPlaylistEntries);
+    // With nothing playing, the queue starts at what was just queued.
+    bool start = ok && !isPlaying();
+    if (start) {
+        int first = startPlaylistPlayback(queue, id, false);
+        if (first >= 0) {
+            if (getSelectedSource() != SEL_HDD) selectHDD();
+            lib().currentID = trackToID(first);
+        }
+    }
+    unlockQueue();
+    if (start) wakeAndAddEvent(1);
+    if (ok) r.reply->text = "\"OK\"";
+}
+
+void webStartPlaylist(const Request& r) {
+    const char* v = findParameter(r.uri, "&playlist=");
+    if (!v) return;
+    int playlist = playlistIndex(atoi(v));
+    int from = 0;
+    if ((v = findParameter(r.uri, "&id="))) from = atoi(v);
+    lockQueue();
+    playPlaylist(playlist, from);
+    unlockQueue();
+    addEvent(80);
+}
+
+void webMoveID(const Request& r) {
+    const char* p = r.after;
+    int id = 0;
+    const char* name = findParameter(p, "&name=");
+    r.reply->text = "[]";
+    if (!getNumericParameter(&p, "&id=", &id) || !name || !idIsAlbum(id)) return;
+    char text[200];
+    stripPercentagesFromURLTail(text, name, sizeof text);
+    if (moveAlbumToArtist(idToAlbum(id), text)) postWriteDB();
+}
+
+void webListTags(const Request& r) {
+    static thread_local JsonList list;
+    list = JsonList();
+    for (int tag = 0; tag < Library::kTags; tag++) {
+        const char* name = getTagName(tag);
+        int count = lib().tagCount[tag];
+        if (!name[0] && count == 0) continue;
+        std::string letter(1, static_cast<char>('A' + tag));
+        if (!list.add("{\"id\":" + std::to_string(TAG_BASE + tag) + ",\"name\":" + quoted(name) +
+                      ",\"letter\":\"" + letter + "\",\"count\":" + std::to_string(count) + "}")) {
+            break;
+        }
+    }
+    r.reply->text = list.finish();
+}
+
+void webGetMasks(const Request& r) {
+    r.reply->text = keep("{\"orMask\":" + std::to_string(lib().orMask) +
+                         ",\"notMask\":" + std::to_string(lib().notMask) + "}");
+}
+
+void webSetMasks(const Request& r) {
+    const char* v;
+    constexpr long kAll = 0x3ffffff;
+    if ((v = findParameter(r.from, "&orMask=")))
+        lib().orMask = static_cast<int32_t>(atol(v) & kAll);
+    if ((v = findParameter(r.from, "&notMask=")))
+        lib().notMask = static_cast<int32_t>(atol(v) & kAll);
+    r.reply->text = "[]";
+}
+
+void webGetSpace(const Request& r) {
+    struct statvfs vfs = {};
+    std::string root = getLocalPath().empty() ? "/" : getLocalPath();
+    if (statvfs(root.c_str(), &vfs) != 0) {
+        r.reply->text = "[]";
+        return;
+    }
+    double gb = 1e9;
+    char out[160];
+    snprintf(out, sizeof out, "{\"free\":\"%lld\",\"capacity\":\"%.2f\",\"used\":\"%.2f\"}",
+             static_cast<long long>(vfs.f_bavail) * static_cast<long long>(vfs.f_frsize) / 1024,
+             static_cast<double>(vfs.f_blocks) * vfs.f_frsize / gb,
+             static_cast<double>(vfs.f_blocks - vfs.f_bfree) * vfs.f_frsize / gb);
+    r.reply->text = keep(out);
+}
+
+// Only the codes of the panel's keys and the transport keys: typed
+// characters share their numbers with codes that end the program.
+bool isKeyEvent(int code) {
+    for (int i = 0; i < 8; i++) {
+        if (adcEvents[i] == code || adcHeldEvents[i] == code) return true;
+    }
+    return code == 3 || code == 88 || code == 89 || code == 90;
+}
+
+void webSendKey(const Request& r) {
+    const char* v = findParameter(r.uri, "&index=");
+    r.reply->text = "[]";
+    if (!v || *v < '0' || *v > '9') return;
+    long code = atol(v);
+    if (code > 1000 || !isKeyEvent(static_cast<int>(code))) {
+        kzLog("webSendKey () ignoring %ld\n", code);
+        return;
+    }
+    wakeAndAddEvent(static_cast<int>(code));
+}
+
+// The cover of an album: the ripper's "coverart.jpg", or the first picture
+// in its folder.
+std::string albumArtPath(int a) {
+    if (a < 0 || a >= getAlbumCount()) return "";
+    std::string folder = getAlbumPath(a);
+    for (const char* name :
+         {"coverart.jpg", "folder.jpg", "cover.jpg", "cover.png", "folder.png"}) {
+        std::string path = folder + "/" + name;
+        if (access(path.c_str(), R_OK) == 0) return path;
+    }
+    return "";
+}
+
+int currentAlbum() {
+    int id = lib().currentID;
+    if (!idIsTrack(id) || idToTrack(id) >= getTrackCount()) return -1;
+    return getParentAlbum(idToTrack(id));
+}
+
+void replyFile(const Request& r, const std::string& path) {
+    if (path.empty()) {
+        r.reply->text = "[]";
+        return;
+    }
+    r.reply->file = true;
+    r.reply->text = keep(path);
+}
+
+void webGetAlbumArt(const Request& r) {
+    int id = getIdParameter(r.uri);
+    replyFile(r, idIsAlbum(id) ? albumArtPath(idToAlbum(id)) : "");
+}
+
+void webGetCurrentArt(const Request& r) {
+    replyFile(r, albumArtPath(currentAlbum()));
+}
+
+void webGetCurrentArtPath(const Request& r) {
+    std::string path = albumArtPath(currentAlbum());
+    r.reply->text = path.empty() ? "[]" : keep("{\"path\":" + quoted(path.c_str()) + "}");
+}
+
+void webGetCDDB(const Request& r) {
+    const char* v = findParameter(r.uri, "&index=");
+    int index = v ? atoi(v) : 1;
+    r.reply->text = "[]";
+    if (index < 1 || index > getLookupCandidateCount()) return;
+    RipNames names = getLookupCandidate(index - 1);
+    std::string out = "{\"artist\":" + quoted(names.artist.c_str()) +
+                      ",\"album\":" + quoted(names.album.c_str()) +
+                      ",\"art\":" + quoted(names.artUrl.c_str()) + ",\"tracks\":[";
+    for (size_t i = 0; i < names.tracks.size(); i++)
+        out += (i ? "," : "") + quoted(names.tracks[i].c_str());
+    r.reply->text = keep(out + "]}");
+}
+
+void webGetDiscid(const Request& r) {
+    if (testUnitReady() != CD_READY) {
+        r.reply->text = "[]";
+        return;
+    }
+    const CdHeader& toc = currentToc();
+    char cddb[16];
+    snprintf(cddb, sizeof cddb, "%08X", CdHeaderComputeCddbId(toc));
+    r.reply->text = keep("{\"discid\":" + quoted(computeDiscId(toc).c_str()) + ",\"cddb\":\"" +
+                         cddb + "\",\"tracks\":" + std::to_string(toc.numTracks()) + "}");
+}
+
+// The on/off settings of the generic table that the pages switch.
+void setGenericFromWord(const Request& r, const char* key) {
+    std::string w = settingWord(r);
+    int row = findSettingRow(key);
+    if (row >= 0 && !w.empty() && w[0] >= '0' && w[0] <= '9') setSettingValue(row, atoi(w.c_str()));
+    r.reply->text = "[]";
+}
+void webTvUi(const Request& r) {
+    setGenericFromWord(r, "TVUI");
+}
+void webHDMI(const Request& r) {
+    setGenericFromWord(r, "HDMIOut");
+}
+void webAirable(const Request& r) {
+    setGenericFromWord(r, "Airable");
+}
+void webvCache(const Request& r) {
+    setGenericFromWord(r, "vCache");
+}
+void webEqualiser(const Request& r) {
+    setGenericFromWord(r, "equaliser");
+}
+void webSetClassical(const Request& r) {
+    setGenericFromWord(r, "Classical");
+}
+
+// Guest mode keeps one playlist playing: "&guest=1&playlist=N".
+void webGuest(const Request& r) {
+    const char* v = findParameter(r.from, "&guest=");
+    int row = findSettingRow("GuestMode");
+    if (v && row >= 0) setSettingValue(row, atoi(v) ? 1 : 0);
+    if ((v = findParameter(r.from, "&playlist="))) {
+        int index = playlistIndex(atoi(v));
+        setGuestModePlaylist(index >= 0 && index < getPlaylistCount() ? index : -1);
+    }
+    saveSettings();
+    r.reply->text = "[]";
+}
+
 void webTransport(const Request& r) {
     webTransportCommand(r.uri, r.from, r.reply);
 }
 
+// The parts these commands drive (radio, photos, Bluetooth, Sonos, video,
+// recording, ...) are not built: an empty list, and nothing changes.
+void webNotBuilt(const Request& r) {
+    kzInfo("web command of a part not built: %s\n", r.from);
+    r.reply->text = "[]";
+}
+
 struct Command {
     const char* name;
-    Handler handler;  // null: not built yet
+    Handler handler;  // null: the reply is the default one
 };
 
 // In this order: the first name found in the URI wins, which settles every
@@ -465,151 +847,161 @@ const Command commands[] = {
     {"playalbum", webPlay},
     {"playartist", webPlay},
     {"playID", webPlay},
-    {"setPresetFromID", nullptr},
-    {"setPreset", nullptr},
-    {"startPlaylist", nullptr},
-    {"listplaylists", nullptr},
-    {"listplaylist", nullptr},
-    {"addIdToPlaylist", nullptr},
-    {"mixPlaylists", nullptr},
-    {"newPlaylist", nullptr},
-    {"deletePlaylistIndex", nullptr},
-    {"getPresets", nullptr},
+    {"setPresetFromID", webNotBuilt},
+    {"setPreset", nullptr},  // replies nothing of its own
+    {"startPlaylist", webStartPlaylist},
+    {"listplaylists", webListPlaylists},
+    {"listplaylist", webListPlaylist},
+    {"addIdToPlaylist", webAddIdToPlaylist},
+    {"mixPlaylists", webMixPlaylists},
+    {"newPlaylist", webNewPlaylist},
+    {"deletePlaylistIndex", webDeletePlaylistIndex},
+    {"getPresets", webNotBuilt},
     {"setCompression", webSetCompression},
     {"setLogging", webSetLogging},
     {"setSegue", webSetSegue},
     {"scanDisk", webScanDisk},
     {"setRandom", webSetRandom},
-    {"tvui", nullptr},
-    {"hdmi", nullptr},
-    {"airable", nullptr},
-    {"vCache", nullptr},
-    {"equaliser", nullptr},
-    {"guest", nullptr},
+    {"tvui", webTvUi},
+    {"hdmi", webHDMI},
+    {"airable", webAirable},
+    {"vCache", webvCache},
+    {"equaliser", webEqualiser},
+    {"guest", webGuest},
     {"setSorted", webSetSorted},
     {"setReversed", webSetSorted},
     {"renameID", webRenameID},
     {"deleteID", webDeleteID},
-    {"queueID", nullptr},
-    {"moveID", nullptr},
+    {"queueID", webQueueID},
+    {"moveID", webMoveID},
     {"getParent", webGetParent},
-    {"getCDDB", nullptr},
-    {"security", nullptr},
+    {"getCDDB", webGetCDDB},
+    {"security", webNotBuilt},
     {"listalbum", webListAlbum},
     {"albumDetails", webAlbumDetails},
     {"listartist", webListArtist},
     {"artistDetails", webArtistDetails},
-    {"uploadImages", nullptr},
+    {"uploadImages", webNotBuilt},
     {"startWebAudio", webTransport},
     {"stopWebAudio", webTransport},
     {"blob", webTransport},
-    {"getDiscid", nullptr},
-    {"vTunerTop", nullptr},
-    {"vTunerLink", nullptr},
-    {"vTunerBack", nullptr},
-    {"vTunerSearch", nullptr},
-    {"vTunerPlaySearchItem", nullptr},
-    {"listClasses", nullptr},
-    {"getMasks", nullptr},
-    {"setMasks", nullptr},
-    {"startPhotoImport", nullptr},
-    {"photoTest", nullptr},
-    {"getThumbs", nullptr},
-    {"getThumbCount", nullptr},
-    {"getBlobThumb", nullptr},
-    {"getBlobPartImage", nullptr},
-    {"getBlobPreviewImage", nullptr},
-    {"getPhotoSize", nullptr},
-    {"startScanPhotos", nullptr},
-    {"startPhotoBackup", nullptr},
+    {"getDiscid", webGetDiscid},
+    {"vTunerTop", webNotBuilt},
+    {"vTunerLink", webNotBuilt},
+    {"vTunerBack", webNotBuilt},
+    {"vTunerSearch", webNotBuilt},
+    {"vTunerPlaySearchItem", webNotBuilt},
+    {"listClasses", webListTags},
+    {"getMasks", webGetMasks},
+    {"setMasks", webSetMasks},
+    {"startPhotoImport", webNotBuilt},
+    {"photoTest", webNotBuilt},
+    {"getThumbs", webNotBuilt},
+    {"getThumbCount", webNotBuilt},
+    {"getBlobThumb", webNotBuilt},
+    {"getBlobPartImage", webNotBuilt},
+    {"getBlobPreviewImage", webNotBuilt},
+    {"getPhotoSize", webNotBuilt},
+    {"startScanPhotos", webNotBuilt},
+    {"startPhotoBackup", webNotBuilt},
     {"allStop", webAllStop},
-    {"getPhotoStatus", nullptr},
-    {"getExifDates", nullptr},
-    {"getPhotoMetaData", nullptr},
-    {"startPhotoCache", nullptr},
-    {"makePublic", nullptr},
-    {"makePrivate", nullptr},
-    {"deletePhotographs", nullptr},
-    {"newUpload", nullptr},
+    {"getPhotoStatus", webNotBuilt},
+    {"getExifDates", webNotBuilt},
+    {"getPhotoMetaData", webNotBuilt},
+    {"startPhotoCache", webNotBuilt},
+    {"makePublic", webNotBuilt},
+    {"makePrivate", webNotBuilt},
+    {"deletePhotographs", webNotBuilt},
+    {"newUpload", webNotBuilt},
     {"getWebDebug", webTransport},
     {"getWebInfo", webGetWebInfo},
-    {"getSpace", nullptr},
-    {"getAlbumArt", nullptr},
-    {"getCurrentArtPath", nullptr},
-    {"getCurrentArt", nullptr},
-    {"artURL", nullptr},
-    {"getArtFromURL", nullptr},
-    {"getBluetoothStatus", nullptr},
-    {"listDevices", nullptr},
-    {"scanBluetooth", nullptr},
-    {"disconnectBluetooth", nullptr},
-    {"connectBluetooth", nullptr},
-    {"unpairBluetooth", nullptr},
-    {"pairBluetooth", nullptr},
-    {"resetBluetooth", nullptr},
-    {"bluetoothTandem", nullptr},
-    {"deletePhotoCache", nullptr},
-    {"deleteAllPhotos", nullptr},
-    {"deDupe", nullptr},
-    {"deletePhotoDatabase", nullptr},
-    {"proxyFetch", nullptr},
-    {"ffmpeg", nullptr},
-    {"omxplayer", nullptr},
-    {"stateVariableFilter", nullptr},
-    {"uploadYoutubeHistory", nullptr},
-    {"getYoutubeHistory", nullptr},
-    {"findAndPlay", nullptr},
+    {"getSpace", webGetSpace},
+    {"getAlbumArt", webGetAlbumArt},
+    {"getCurrentArtPath", webGetCurrentArtPath},
+    {"getCurrentArt", webGetCurrentArt},
+    {"artURL", webNotBuilt},
+    {"getArtFromURL", webNotBuilt},
+    {"getBluetoothStatus", webNotBuilt},
+    {"listDevices", webNotBuilt},
+    {"scanBluetooth", webNotBuilt},
+    {"disconnectBluetooth", webNotBuilt},
+    {"connectBluetooth", webNotBuilt},
+    {"unpairBluetooth", webNotBuilt},
+    {"pairBluetooth", webNotBuilt},
+    {"resetBluetooth", webNotBuilt},
+    {"bluetoothTandem", webNotBuilt},
+    {"deletePhotoCache", webNotBuilt},
+    {"deleteAllPhotos", webNotBuilt},
+    {"deDupe", webNotBuilt},
+    {"deletePhotoDatabase", webNotBuilt},
+    {"proxyFetch", webNotBuilt},
+    {"ffmpeg", webNotBuilt},
+    {"omxplayer", webNotBuilt},
+    {"stateVariableFilter", webNotBuilt},
+    {"uploadYoutubeHistory", webNotBuilt},
+    {"getYoutubeHistory", webNotBuilt},
+    {"findAndPlay", webNotBuilt},
     {"search", webSearch3},
     {"upload", webTransport},
     {"checkUpload", webTransport},
     {"fileExists", webFileExists},
     {"setTone", webSetTone},
-    {"sendKey", nullptr},
-    {"listDir", nullptr},
-    {"getTagsForPath", nullptr},
-    {"USBImport", nullptr},
+    {"sendKey", webSendKey},
+    {"listDir", webNotBuilt},
+    {"getTagsForPath", webNotBuilt},
+    {"USBImport", webNotBuilt},
     {"seek&pos=", webSeek},
-    {"podcast", nullptr},
-    {"spotifyd", nullptr},
+    {"podcast", webNotBuilt},
+    {"spotifyd", webNotBuilt},
     {"kTubeDebug", webkTubeDebug},
-    {"getVideoThumbnailUrl", nullptr},
-    {"getVideoThumbnail", nullptr},
-    {"getEQ", nullptr},
-    {"setEQ", nullptr},
-    {"scanSonos", nullptr},
-    {"resetSonos", nullptr},
-    {"sonosStatus", nullptr},
-    {"startRecording", nullptr},
-    {"stopRecording", nullptr},
-    {"recordingLimit", nullptr},
+    {"getVideoThumbnailUrl", webNotBuilt},
+    {"getVideoThumbnail", webNotBuilt},
+    {"getEQ", webNotBuilt},
+    {"setEQ", webNotBuilt},
+    {"scanSonos", webNotBuilt},
+    {"resetSonos", webNotBuilt},
+    {"sonosStatus", webNotBuilt},
+    {"startRecording", webNotBuilt},
+    {"stopRecording", webNotBuilt},
+    {"recordingLimit", webNotBuilt},
     {"slowStatus", getWebSlowStatus},
     {"status", getWebStatus},
     {"back", webBack},
     {"play", webPlayKey},
     {"next", webNext},
     {"eject", webEject},
-    {"reindex", nullptr},
-    {"newRip", nullptr},
+    {"reindex", webTransport},
+    {"newRip", webTransport},
     {"rip", webRip},
     {"vol", webVol},
+    // Not among the appliance's own commands: taken only when no name above
+    // is in the URI.
+    {"setClassical", webSetClassical},
 };
 
 }  // namespace
 
 int getIdParameter(const char* text) {
     const char* at = strstr(text, "id=");
-    int id;
-    if (!at || sscanf(at + 3, "%d", &id) != 1) return -1;
-    return id;
+    if (!at) return -1;
+    char* end;
+    errno = 0;
+    long long id = strtoll(at + 3, &end, 10);
+    // Out of range is no identifier at all, not a clipped one.
+    if (end == at + 3 || errno == ERANGE || id < INT_MIN || id > INT_MAX) return -1;
+    return static_cast<int>(id);
 }
 
 int getNumericParameter(const char** position, const char* name, int* result) {
     size_t n = strlen(name);
     if (strncmp(*position, name, n) != 0) return 0;
     const char* p = *position + n;
-    long v = 0;
-    while (*p >= '0' && *p <= '9')
-        v = v * 10 + (*p++ - '0');
+    // A number past the int range stays at its largest value: it must not
+    // wrap round onto an identifier that exists.
+    long long v = 0;
+    while (*p >= '0' && *p <= '9') {
+        v = std::min<long long>(v * 10 + (*p++ - '0'), INT_MAX);
+    }
     *result = static_cast<int>(v);
     *position = p;
     return 1;

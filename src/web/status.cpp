@@ -2,11 +2,13 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "core/mainloop.h"
 #include "library/ids.h"
 #include "library/library.h"
+#include "library/playlists.h"
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/output.h"
@@ -49,6 +51,16 @@ const char* sourceName(int source) {
         default:
             return "Library";
     }
+}
+
+// While a rip runs the disc's status is its progress: "Ripping 3/12 45% 8x".
+std::string ripStatusText() {
+    RipProgress p = getCDProgress();
+    int tracks = std::min(numTracksToRip, currentToc().numTracks());
+    int percent = p.sectors > 0 ? static_cast<int>(100LL * p.done / p.sectors) : 0;
+    char text[64];
+    snprintf(text, sizeof text, "Ripping %d/%d %d%% %dx", p.track, tracks, percent, p.speed);
+    return text;
 }
 
 const char* cdStatusText(int state) {
@@ -112,7 +124,12 @@ std::string getWebStatusCore(bool full) {
             add(out, ",\"timeLeft\":\"%d\"", getTimeLeft());
             add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
         }
-        out += ",\"playlist\":\"All Music\"";
+        int playlist = getPlayingPlaylist();
+        if (playlist >= 0) {
+            addText(out, "playlist", getPlaylistName(playlist).c_str());
+        } else {
+            out += ",\"playlist\":\"All Music\"";
+        }
     } else if (idIsUSBTrack(id) && u >= 0 && u < getUSBTrackcount()) {
         int a = getUSBParentAlbum(u);
         int r = getUSBParentArtist(a);
@@ -127,7 +144,12 @@ std::string getWebStatusCore(bool full) {
             add(out, ",\"duration\":\"%d\"", getDuration());
             add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
         }
-        out += ",\"playlist\":\"All Music\"";
+        int playlist = getPlayingPlaylist();
+        if (playlist >= 0) {
+            addText(out, "playlist", getPlaylistName(playlist).c_str());
+        } else {
+            out += ",\"playlist\":\"All Music\"";
+        }
     } else if (selected == SEL_WEB) {
         addText(out, "track", getWebTitle().c_str());
     } else {
@@ -137,7 +159,7 @@ std::string getWebStatusCore(bool full) {
 
     addText(out, "btstatus", "");
     const int cd = mainLoop().cdState;
-    addText(out, "cdstatus", cdStatusText(cd));
+    addText(out, "cdstatus", isRipping() ? ripStatusText().c_str() : cdStatusText(cd));
     if (cd == CD_READY) {
         out += ",\"cdloaded\":true";
         add(out, ",\"cddbmatches\":\"%d\"", getLookupCandidateCount());

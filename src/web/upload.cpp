@@ -54,6 +54,13 @@ void StdinParser::armUpload(const std::string& artist) {
     state_ = 1;
 }
 
+void StdinParser::armText(std::function<void(const std::string& text)> done) {
+    connectionEnded();
+    text_.clear();
+    textDone_ = std::move(done);
+    state_ = 9;
+}
+
 void StdinParser::armAudio() {
     state_ = 7;
     headerHave_ = 0;
@@ -67,14 +74,25 @@ void StdinParser::connectionEnded() {
         file_ = nullptr;
     }
     completion = nullptr;
+    textDone_ = nullptr;
 }
 
 void StdinParser::process(const uint8_t* data, int len) {
     if (len == 0) {
+        if (state_ == 9 && textDone_) {
+            auto done = std::move(textDone_);
+            textDone_ = nullptr;
+            done(text_);
+        }
         state_ = 0;
         return;
     }
     if (state_ == 0) return;
+    if (state_ == 9) {
+        size_t room = kMaxText - std::min(kMaxText, text_.size());
+        text_.append(reinterpret_cast<const char*>(data), std::min(room, static_cast<size_t>(len)));
+        return;
+    }
     if (state_ == 7) {
         int take = std::min(len, 44 - headerHave_);
         memcpy(wavHeader_ + headerHave_, data, static_cast<size_t>(take));

@@ -25,6 +25,10 @@ class StdinParser {
     void armUpload(const std::string& artist);
     // The "blob" command: a WAV stream follows.
     void armAudio();
+    // A small text body (at most kMaxText bytes, the rest is dropped): done
+    // gets all of it once the body has ended, and never for a body cut off.
+    static constexpr size_t kMaxText = 65536;
+    void armText(std::function<void(const std::string& text)> done);
     // One STDIN record; length 0 ends the stream.
     void process(const uint8_t* data, int len);
     // The connection ended: an open upload file is closed.
@@ -50,6 +54,8 @@ class StdinParser {
     void audioBytes(const uint8_t* p, int len);
 
     int state_ = 0;
+    std::string text_;
+    std::function<void(const std::string&)> textDone_;
     std::string artist_;
     std::string boundary_;
     size_t match_ = 0;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <thread>
 
 #include "core/events.h"
+#include "core/files.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/ui.h"
@@ -21,6 +23,7 @@
 #include "playback/control.h"
 #include "playback/playback.h"
 #include "playback/smartbuffer.h"
+#include "ripping/ripper.h"
 #include "web/commands.h"
 #include "web/params.h"
 #include "web/upload.h"
@@ -36,6 +39,8 @@ std::atomic<int> forceWebRefresh{1};
 std::mutex queueMutex;
 std::mutex alertMutex;
 std::string webAlertMessage;
+// When the alert goes away by itself; the epoch when it stays.
+std::chrono::steady_clock::time_point webAlertEnd;
 
 // Everything a request needs, allocated once.
 struct WebState {
@@ -120,6 +125,38 @@ void webBlob(const char* uri, FcgiReply* reply) {
     }
     web->stdinParser.armAudio();
     reply->text = getWebSamplesEnabled ? "\"OK\"" : "\"Stopped\"";
+}
+
+// Starts the rip ("newRip") or renames the album ripped from this disc
+// ("reindex") with the names in the metadata file.
+void startFromRipMetadata(bool newRip) {
+    RipNames names;
+    if (!readRipMetadata(hostPath("/tmp/ripMetadata"), &names)) return;
+    if (newRip) {
+        setUploadedRipNames(names);
+        ripUserChoice = -1;
+        startRip();
+    } else {
+        reindexAlbum(names);
+    }
+}
+
+// The page sends the names as the request's body, kept as the metadata file
+// once the body is whole; without a body the file already there is used.
+void webRipWithNames(bool newRip, FcgiReply* reply) {
+    if (web->params.contentLength > 0) {
+        web->stdinParser.armText([newRip](const std::string& text) {
+            std::string path = hostPath("/tmp/ripMetadata");
+            bool ok = writeFileAtomically(path, [&text](FILE* f) {
+                return fwrite(text.data(), 1, text.size(), f) == text.size();
+            });
+            if (!ok) kzLog("Cannot write %s\n", path.c_str());
+            startFromRipMetadata(newRip);
+        });
+    } else {
+        startFromRipMetadata(newRip);
+    }
+    reply->text = "\"OK\"";
 }
 
 void webCheckUpload(FcgiReply* reply) {
@@ -260,6 +297,8 @@ void webTransportCommand(const char* uri, const char* from, FcgiReply* reply) {
         webUpload(uri, reply);
     } else if (strncmp(from, "checkUpload", 11) == 0) {
         webCheckUpload(reply);
+    } else if (strncmp(from, "reindex", 7) == 0 || strncmp(from, "newRip", 6) == 0) {
+        webRipWithNames(from[0] == 'n', reply);
     }
 }
 
@@ -284,12 +323,23 @@ void wakeAndAddEvent(int code) {
 }
 
 void webAlert(const char* text) {
+    webAlertFor(text, 0);
+}
+
+void webAlertFor(const char* text, int seconds) {
     std::lock_guard<std::mutex> g(alertMutex);
     webAlertMessage = text;
+    webAlertEnd = seconds > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(seconds)
+                              : std::chrono::steady_clock::time_point();
 }
 
 std::string getWebAlert() {
     std::lock_guard<std::mutex> g(alertMutex);
+    if (webAlertEnd != std::chrono::steady_clock::time_point() &&
+        std::chrono::steady_clock::now() > webAlertEnd) {
+        webAlertMessage.clear();
+        webAlertEnd = {};
+    }
     return webAlertMessage;
 }
 

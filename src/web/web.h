@@ -24,6 +24,8 @@ void webTransportCommand(const char* uri, const char* from, FcgiReply* reply);
 // Wakes the display (event 80), then posts code.
 void wakeAndAddEvent(int code);
 void webAlert(const char* text);
+// An alert the pages show for that many seconds.
+void webAlertFor(const char* text, int seconds);
 std::string getWebAlert();
 void lockQueue();
 void unlockQueue();

@@ -1,21 +1,12 @@
 import os
-import signal
 import socket
 import subprocess
 import time
-import urllib.request
 
 import pytest
 
 import fcgi
-
-TOP = os.path.join(os.path.dirname(__file__), "..", "..")
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+import webstack
 
 
 @pytest.fixture
@@ -23,28 +14,9 @@ def web(daemon, tmp_path):
     """kz with lighttpd in front, in a fresh root; yields (daemon, root, base URL)."""
     root = tmp_path / "root"
     (root / "media" / "hdd1" / "music").mkdir(parents=True)
-    port = free_port()
-    subprocess.run([os.path.join(TOP, "scripts", "install-web"), str(root),
-                    os.path.join(TOP, "www"), "127.0.0.1", str(port)], check=True)
-    d = daemon(root, env={"KZ_PCM": "null"})
-    d.wait_for("loadOrScan () finished")
-    d.wait_for("Waiting for incoming connections on socket")
-    base = f"http://127.0.0.1:{port}"
-    deadline = time.monotonic() + 10
-    while True:
-        try:
-            urllib.request.urlopen(base + "/", timeout=2).read()
-            break
-        except OSError:
-            assert time.monotonic() < deadline, "lighttpd did not come up"
-            time.sleep(0.1)
+    d, base = webstack.start(daemon, root, {"KZ_PCM": "null"})
     yield d, root, base
-    pid_file = root / "var" / "run" / "lighttpd.pid"
-    if pid_file.exists():
-        try:
-            os.kill(int(pid_file.read_text()), signal.SIGTERM)
-        except (ProcessLookupError, ValueError):
-            pass
+    webstack.stop_lighttpd(root)
 
 
 def curl(*args):
