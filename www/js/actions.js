@@ -1,7 +1,7 @@
 // What every list offers on its items: play, add to the queue, add to a playlist.
 import { call, list } from './api.js';
 import { pollNow } from './status.js';
-import { h, icon, iconButton, toast, emit } from './ui.js';
+import { h, icon, iconButton, rowText, toast, emit } from './ui.js';
 
 export async function play(id, label) {
   try {
@@ -88,7 +88,7 @@ export async function chooseAndAdd(id, label) {
     h(
       'li',
       {},
-      h('button', { type: 'button', class: 'row-main', onclick: () => done(p.id, p.name) }, icon('list'), h('span', { text: p.name }), h('span', { class: 'meta', text: `${p.count ?? ''}` })),
+      h('button', { type: 'button', class: 'row-main', onclick: () => done(p.id, p.name) }, icon('list'), rowText(p.name, `${p.count} item${p.count === 1 ? '' : 's'}`)),
     ),
   );
   body.replaceChildren(items.length ? h('ul', { class: 'rows' }, items) : h('p', { class: 'note', text: 'No playlists yet.' }), form);

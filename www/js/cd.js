@@ -2,7 +2,7 @@
 // progress, and the ripped album once it is in the library.
 import { call } from './api.js';
 import { state, subscribe, pollNow } from './status.js';
-import { emit, h, icon, note, toast } from './ui.js';
+import { emit, h, icon, rowText, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -27,6 +27,7 @@ async function albumCount() {
 
 function startWatch(before) {
   watch = { before, done: false };
+  renderDisc();
   pollNow();
   checkWatch();
 }
@@ -115,7 +116,7 @@ async function loadNames() {
         h(
           'li',
           { class: 'row candidate' },
-          h('div', { class: 'row-main static' }, h('span', { class: 'name', text: `${c.artist} — ${c.album}` }), h('span', { class: 'meta', text: `${(c.tracks || []).length} tracks` })),
+          h('div', { class: 'row-main static' }, rowText(`${c.artist} — ${c.album}`, `${(c.tracks || []).length} tracks`)),
           h('span', { class: 'row-actions' }, h('button', { type: 'button', class: 'btn primary', onclick: () => rip(i), 'aria-label': `Rip as ${c.artist}, ${c.album}` }, icon('disc'), 'Rip')),
         ),
       ),
@@ -133,8 +134,8 @@ async function rip(index) {
     toast('The music server did not answer');
     return;
   }
-  toast('Ripping started');
   startWatch(before);
+  toast('Ripping started');
 }
 
 // The names as the daemon reads them: one key=value a line, tracks in order.
@@ -162,8 +163,8 @@ async function sendNames(command) {
     return;
   }
   if (command === 'newRip') {
-    toast('Ripping with your names');
     startWatch(before);
+    toast('Ripping with your names');
   } else {
     toast('The album is renamed');
     emit('library-changed');

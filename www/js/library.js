@@ -2,7 +2,7 @@
 // search as you type over all three.
 import { artUrl, call, list } from './api.js';
 import { chooseAndAdd, play, queue, rowActions } from './actions.js';
-import { cover, debounce, h, icon, note, on } from './ui.js';
+import { cover, debounce, h, icon, note, on, rowText } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 const PAGE = 50;
@@ -44,7 +44,7 @@ function artistRow(a) {
   return h(
     'li',
     { class: 'row' },
-    h('a', { class: 'row-main', href: `#/library/artist/${a.id}` }, h('span', { class: 'name', text: a.artist })),
+    h('a', { class: 'row-main', href: `#/library/artist/${a.id}` }, rowText(a.artist)),
     rowActions(a.id, a.artist),
   );
 }
@@ -58,8 +58,7 @@ function albumRow(a, artistName) {
       'a',
       { class: 'row-main', href: `#/library/album/${a.id}` },
       cover(artUrl(a.id), 'thumb'),
-      h('span', { class: 'name', text: label }),
-      a.artist && a.artist !== artistName ? h('span', { class: 'meta', text: a.artist }) : null,
+      rowText(label, a.artist && a.artist !== artistName ? a.artist : null),
     ),
     rowActions(a.id, label),
   );
@@ -74,8 +73,7 @@ function trackRow(t, number) {
       'button',
       { type: 'button', class: 'row-main', 'aria-label': `Play ${label}`, onclick: () => play(t.id, label) },
       number ? h('span', { class: 'num', text: String(number) }) : icon('note'),
-      h('span', { class: 'name', text: label }),
-      t.artist ? h('span', { class: 'meta', text: `${t.artist} · ${t.album}` }) : null,
+      rowText(label, t.artist ? `${t.artist} · ${t.album}` : null),
     ),
     rowActions(t.id, label, { withPlay: false }),
   );

@@ -111,6 +111,11 @@ async function key(command) {
 }
 
 export function init() {
+  // Without a cover the daemon answers text, which fails as an image.
+  for (const img of [$('now-art'), $('strip-art')]) {
+    img.addEventListener('load', () => (img.hidden = false));
+    img.addEventListener('error', () => (img.hidden = true));
+  }
   subscribe(render);
   // The position moves on every second even between slow replies.
   setInterval(() => {

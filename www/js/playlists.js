@@ -3,7 +3,7 @@
 import { call, list, kindOf } from './api.js';
 import { play } from './actions.js';
 import { pollNow } from './status.js';
-import { h, icon, iconButton, note, on, toast } from './ui.js';
+import { h, icon, iconButton, note, on, rowText, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 const QUEUE = 'Queue';
@@ -106,8 +106,7 @@ async function showList(body, my) {
         'a',
         { class: 'row-main', href: `#/playlists/${p.id}` },
         icon(p.name === QUEUE ? 'queue' : 'list'),
-        h('span', { class: 'name', text: p.name === QUEUE ? 'Queue (plays next)' : p.name }),
-        h('span', { class: 'meta', text: `${p.count} item${p.count === 1 ? '' : 's'}` }),
+        rowText(p.name === QUEUE ? 'Queue (plays next)' : p.name, `${p.count} item${p.count === 1 ? '' : 's'}`),
       ),
       h('span', { class: 'row-actions' }, iconButton('play', `Play ${p.name}`, () => play(p.id, p.name))),
     ),
@@ -197,8 +196,7 @@ async function showPlaylist(body, id, my) {
           },
         },
         h('span', { class: 'num', text: String(i + 1) }),
-        h('span', { class: 'name', text: label }),
-        h('span', { class: 'meta', text: entryMeta(item) }),
+        rowText(label, entryMeta(item)),
       ),
       h(
         'span',

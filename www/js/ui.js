@@ -85,3 +85,8 @@ export function on(name, fn) {
 export function note(text, cls = '') {
   return h('p', { class: 'note ' + cls, text });
 }
+
+// A row's name with an optional line of detail under it.
+export function rowText(name, meta) {
+  return h('span', { class: 'text' }, h('span', { class: 'name', text: name }), meta ? h('span', { class: 'meta', text: meta }) : null);
+}
