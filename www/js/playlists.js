@@ -226,9 +226,12 @@ async function render() {
 }
 
 export function init() {
-  on('playlists-changed', () => {
-    if (!$('view-playlists').hidden) render();
-  });
+  // Renames and deletions in the library change the names shown here too.
+  for (const event of ['playlists-changed', 'library-changed']) {
+    on(event, () => {
+      if (!$('view-playlists').hidden) render();
+    });
+  }
 }
 
 export function show(args) {
