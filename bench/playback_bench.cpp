@@ -29,20 +29,28 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::string raw(const std::string& path, int frames, int16_t value) {
-    std::vector<int16_t> data(static_cast<size_t>(frames) * 2, value);
+// A raw track of frames in the output's format, every sample the same.
+template <typename Sample>
+std::string raw(const std::string& path, int frames, Sample value) {
+    std::vector<Sample> data(static_cast<size_t>(frames) * 2, value);
     std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(data.data()), data.size() * 2);
+        .write(reinterpret_cast<const char*>(data.data()), data.size() * sizeof(Sample));
     return path;
 }
 
+// One period's cost while crossfading with a fade and tone control on:
+// 16-bit at 44100 Hz, or 32-bit at 96000 Hz, whose period is shorter.
+template <typename Sample>
 void benchPeriod(const std::string& work) {
+    const bool high = sizeof(Sample) == 4;
+    setHighResolution(high);
     setSegue(1);
-    startPlayingRaw(raw(work + "/a.raw", 2000000, 9000));
-    startPlayingRaw(raw(work + "/b.raw", 2000000, -9000));
+    const Sample level = high ? 9000 << 16 : 9000;
+    startPlayingRaw(raw<Sample>(work + "/a.raw", 2000000, level));
+    startPlayingRaw(raw<Sample>(work + "/b.raw", 2000000, static_cast<Sample>(-level)));
     toneControl().setBassTreble(4, -2);
     toneControl().setVolume(40);
-    std::vector<int16_t> buf(2048);
+    std::vector<Sample> buf(2048);
     double total = 0;
     const int periods = 2000;
     for (int i = 0; i < periods; i++) {
@@ -55,11 +63,13 @@ void benchPeriod(const std::string& work) {
         total += std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
     }
     double us = total / periods;
+    double periodUs = 1e6 * 1024 / (high ? 96000 : 44100);
     fprintf(stderr,
-            "playback: one 1024-frame period crossfading with fade and tone: %.1f us = %.3f %% of "
-            "23.2 ms (target 1 %%)\n",
-            us, us / 232.2);
+            "playback: one 1024-frame period crossfading with fade and tone, %s: %.1f us = %.3f "
+            "%% of %.1f ms (target 1 %%)\n",
+            high ? "32-bit 96000 Hz" : "16-bit 44100 Hz", us, 100 * us / periodUs, periodUs / 1000);
     resetPlayback();
+    setHighResolution(false);
 }
 
 void benchFirstSound(const std::string& work) {
@@ -168,7 +178,8 @@ int main(int argc, char** argv) {
     fs::create_directories(work);
     if (!freopen("/dev/null", "w", stdout)) return 1;
     resetSettings();
-    benchPeriod(work);
+    benchPeriod<int16_t>(work);
+    benchPeriod<int32_t>(work);
     benchFirstSound(work);
     benchDaemonCpu(argv[1], work);
     return 0;

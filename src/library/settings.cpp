@@ -209,7 +209,9 @@ int getSettingValue(int row) {
     return S().values[row];
 }
 void setSettingValue(int row, int value) {
-    if (row >= 0 && row < kSettingRows) setRow(row, value);
+    if (row < 0 || row >= kSettingRows) return;
+    const SettingRow& r = settingRows[row];
+    setRow(row, value < r.min ? r.min : value > r.max ? r.max : value);
 }
 
 int findSettingRow(const char* key) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/log.h"
+#include "playback/resample.h"
 #include "playback/smartbuffer.h"
 #include "ripping/cdrom.h"
 
@@ -23,6 +24,7 @@ std::atomic<bool> readerRun{false};
 std::atomic<bool> readerDone{true};
 std::atomic<int32_t> readLsn{0};
 CdHeader disc;
+Upsampler upsampler;  // the output thread's alone
 
 void readerThread(int first) {
     CdDrive drive;
@@ -91,6 +93,7 @@ int startCDReader(int index) {
     std::lock_guard<std::mutex> g(readerMutex);
     disc = header;
     readLsn = header.tracks[index].startLsn;
+    upsampler.reset();
     readerDone = false;
     readerRun = true;
     reader = std::thread(readerThread, index);
@@ -113,6 +116,10 @@ int getCDSamples(int16_t* dst, int frames) {
             dst[i] = 0;
     }
     return frames;
+}
+
+int getCDSamples(int32_t* dst, int frames) {
+    return upsampler.pull(dst, frames, [](int16_t* d, int n) { return getCDSamples(d, n); });
 }
 
 int getCDTrackIndex() {

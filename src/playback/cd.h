@@ -18,6 +18,8 @@ void requestStopCDReader();
 // One period from the CD buffer: the frames given (silence while it fills),
 // 0 once the disc's audio has all been played.
 int getCDSamples(int16_t* dst, int frames);
+// The same in high resolution: 32-bit stereo at 96000 Hz.
+int getCDSamples(int32_t* dst, int frames);
 // The index of the track being heard, -1 when none.
 int getCDTrackIndex();
 int getCDTrackCount();

@@ -38,7 +38,8 @@ struct PlayState {
     PlayChannel channel[2];
     int32_t mix = 0;
     int32_t mixstep = 0;
-    int16_t segueBuffer[76800 / 2];
+    // The second channel's period while crossfading, in either format.
+    alignas(8) uint8_t segueBuffer[76800];
     int32_t fade = 0;
     int32_t fadeStep = 0;
     int fadeWait = 0;
@@ -63,6 +64,14 @@ bool busy(int ch) {
     return S().channel[ch].source != SRC_IDLE;
 }
 
+// The idle value: 16-bit words of 1, whatever the format.
+void fillIdle(uint8_t* dest, int bytes) {
+    for (int i = 0; i + 1 < bytes; i += 2) {
+        dest[i] = 1;
+        dest[i + 1] = 0;
+    }
+}
+
 // Adds with wrap-around and clamps as the crossfade and the fade do: a
 // negative result means it ran past an end.
 int32_t step(int32_t value, int32_t by) {
@@ -84,22 +93,25 @@ void stopChannelLocked(int ch) {
 }
 
 // Fills dst with the channel's next frames; returns how many it really had.
-int getChannelSamples(int ch, int16_t* dst, int frames) {
+int getChannelSamples(int ch, uint8_t* dst, int frames) {
     PlayChannel& c = S().channel[ch];
+    const int fb = outputFrameBytes();
+    const size_t bytes = static_cast<size_t>(frames) * fb;
     int n = 0;
     switch (c.source) {
         case SRC_WAV:
-            if (c.pcmf) n = static_cast<int>(fread(dst, 4, static_cast<size_t>(frames), c.pcmf));
+            if (c.pcmf) n = static_cast<int>(fread(dst, fb, static_cast<size_t>(frames), c.pcmf));
             if (n == 0) {
-                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                memset(dst, 0, bytes);
                 stopChannelLocked(ch);
                 return 0;
             }
             break;
         case SRC_CD:
-            n = getCDSamples(dst, frames);
+            n = fb == 8 ? getCDSamples(reinterpret_cast<int32_t*>(dst), frames)
+                        : getCDSamples(reinterpret_cast<int16_t*>(dst), frames);
             if (n == 0) {
-                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                memset(dst, 0, bytes);
                 stopChannelLocked(ch);
                 return 0;
             }
@@ -121,7 +133,7 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
             if (n == 0 && c.playPipe >= 0 && !decoderPipes().pipeRunning(c.playPipe) &&
                 decoderPipes().getPipeOccupancy(c.playPipe) == 0 &&
                 !decoderPipes().isPipeStarting(c.playPipe)) {
-                memset(dst, 0, static_cast<size_t>(frames) * 4);
+                memset(dst, 0, bytes);
                 // A track that ended before it asked for its successor (a
                 // file that would not decode, or a very short one): go on
                 // to the next now.
@@ -134,8 +146,24 @@ int getChannelSamples(int ch, int16_t* dst, int frames) {
             break;
     }
     if (n < 0) n = 0;
-    if (n < frames) memset(dst + n * 2, 0, static_cast<size_t>(frames - n) * 4);
+    if (n < frames)
+        memset(dst + static_cast<size_t>(n) * fb, 0, static_cast<size_t>(frames - n) * fb);
     return n;
+}
+
+void mixSegue(uint8_t* dest, const uint8_t* secondary, int frames) {
+    if (outputFrameBytes() == 8)
+        outputmix(reinterpret_cast<int32_t*>(dest), reinterpret_cast<const int32_t*>(secondary),
+                  frames);
+    else
+        outputmix(reinterpret_cast<int16_t*>(dest), reinterpret_cast<const int16_t*>(secondary),
+                  frames);
+}
+
+template <typename Sample>
+void swapSides(Sample* samples, int frames) {
+    for (int f = 0; f < frames; f++)
+        std::swap(samples[2 * f], samples[2 * f + 1]);
 }
 
 }  // namespace
@@ -181,17 +209,20 @@ void resetPlayback() {
     s.dropout = 0;
 }
 
-void getSamples(int16_t* dest, int frames) {
+void getSamples(void* out, int frames) {
     PlayState& s = S();
-    if (getWebSamples(dest, frames)) return;
+    uint8_t* dest = static_cast<uint8_t*>(out);
+    const int fb = outputFrameBytes();
+    if (fb == 8 ? getWebSamples(reinterpret_cast<int32_t*>(dest), frames)
+                : getWebSamples(reinterpret_cast<int16_t*>(dest), frames))
+        return;
     if (!s.playingVariable) {
-        for (int i = 0; i < frames * 2; i++)
-            dest[i] = 1;
+        fillIdle(dest, frames * fb);
         return;
     }
     s.samplesIntoTrack += frames;
     Lock g(playMutex());
-    if (frames > static_cast<int>(sizeof s.segueBuffer / 4)) frames = sizeof s.segueBuffer / 4;
+    frames = std::min(frames, static_cast<int>(sizeof s.segueBuffer) / fb);
     const bool b0 = busy(0), b1 = busy(1);
     if (b0 != b1) {
         int ch = b0 ? 0 : 1;
@@ -206,7 +237,7 @@ void getSamples(int16_t* dest, int frames) {
                (getSegueMode() != 0 || (!s.channel[0].nearEOF && !s.channel[1].nearEOF))) {
         getChannelSamples(0, dest, frames);
         getChannelSamples(1, s.segueBuffer, frames);
-        outputmix(dest, s.segueBuffer, frames);
+        mixSegue(dest, s.segueBuffer, frames);
         if (s.mixstep <= 0 && s.mix <= 0) {
             stopChannelLocked(1);
         } else if (s.mixstep > 0 && s.mix > 0x7FFEFFFF) {
@@ -221,20 +252,26 @@ void getSamples(int16_t* dest, int frames) {
         if (n < frames) {
             kzLog(oldCh == 1 ? "getSamples () switching stopChannel (1)\n"
                              : "getSamples () switching - stopChannel(0)\n");
-            getChannelSamples(newCh, dest + n * 2, frames - n);
+            getChannelSamples(newCh, dest + static_cast<size_t>(n) * fb, frames - n);
             stopChannelLocked(oldCh);
             s.samplesIntoTrack = frames - n;
         }
     } else {
-        for (int i = 0; i < frames * 2; i++)
-            dest[i] = 1;
+        fillIdle(dest, frames * fb);
     }
-    if (s.fading) fadeInOut(dest, frames);
+    if (s.fading) {
+        if (fb == 8)
+            fadeInOut(reinterpret_cast<int32_t*>(dest), frames);
+        else
+            fadeInOut(reinterpret_cast<int16_t*>(dest), frames);
+    }
     // Left and right change places on the line out while a plug is in the
     // headphone socket, when the setting asks for it.
     if (getSwapSetting() && isHeadphonePlugIn()) {
-        for (int f = 0; f < frames; f++)
-            std::swap(dest[2 * f], dest[2 * f + 1]);
+        if (fb == 8)
+            swapSides(reinterpret_cast<int32_t*>(dest), frames);
+        else
+            swapSides(reinterpret_cast<int16_t*>(dest), frames);
     }
 }
 
@@ -246,6 +283,22 @@ void outputmix(int16_t* primary, const int16_t* secondary, int frames) {
             int32_t out = primary[2 * f + c];
             out = out + (((secondary[2 * f + c] - out) * g) >> 14);
             primary[2 * f + c] = static_cast<int16_t>(out);
+        }
+        s.mix = step(s.mix, s.mixstep);
+    }
+}
+
+void outputmix(int32_t* primary, const int32_t* secondary, int frames) {
+    PlayState& s = S();
+    for (int f = 0; f < frames; f++) {
+        int64_t g = s.mix >> 17;
+        for (int c = 0; c < 2; c++) {
+            // The difference of two full-scale samples needs 33 bits; the
+            // top 16 of it carry the mix, as 16-bit audio would.
+            int64_t out = primary[2 * f + c];
+            out += ((static_cast<int64_t>(secondary[2 * f + c]) - out) >> 16) * g * 4;
+            primary[2 * f + c] =
+                static_cast<int32_t>(std::clamp<int64_t>(out, INT32_MIN, INT32_MAX));
         }
         s.mix = step(s.mix, s.mixstep);
     }
@@ -269,37 +322,58 @@ void fadeOut(void (*done)()) {
     S().fading = true;
 }
 
-void fadeInOut(int16_t* samples, int frames) {
+namespace {
+
+void finishFade() {
     PlayState& s = S();
-    auto finish = [&s] {
-        s.fading = false;
-        void (*code)() = s.fadeCode;
-        s.fadeCode = nullptr;
-        if (code) code();
-    };
+    s.fading = false;
+    void (*code)() = s.fadeCode;
+    s.fadeCode = nullptr;
+    if (code) code();
+}
+
+// scale(sample, g) gives the sample at gain g / 32768.
+template <typename Sample, typename Scale>
+void fadeFrames(Sample* samples, int frames, Scale scale) {
+    PlayState& s = S();
+    const size_t frameBytes = 2 * sizeof(Sample);
     if (s.fadeWait > 0) {
-        memset(samples, 0, static_cast<size_t>(frames) * 4);
-        if (--s.fadeWait == 0) finish();
+        memset(samples, 0, static_cast<size_t>(frames) * frameBytes);
+        if (--s.fadeWait == 0) finishFade();
         return;
     }
     for (int f = 0; f < frames; f++) {
         int32_t g = s.fade >> 16;
-        samples[2 * f] = static_cast<int16_t>((samples[2 * f] * g) >> 15);
-        samples[2 * f + 1] = static_cast<int16_t>((samples[2 * f + 1] * g) >> 15);
+        samples[2 * f] = scale(samples[2 * f], g);
+        samples[2 * f + 1] = scale(samples[2 * f + 1], g);
         s.fade = step(s.fade, s.fadeStep);
         if (s.fadeStep > 0 && s.fade > 0x7FFEFFFF) {
-            finish();
+            finishFade();
             return;
         }
         if (s.fadeStep < 0 && s.fade == 0) {
-            memset(samples + 2 * (f + 1), 0, static_cast<size_t>(frames - f - 1) * 4);
+            memset(samples + 2 * (f + 1), 0, static_cast<size_t>(frames - f - 1) * frameBytes);
             s.fadeWait = 7;
             return;
         }
     }
 }
 
+}  // namespace
+
+void fadeInOut(int16_t* samples, int frames) {
+    fadeFrames(samples, frames,
+               [](int16_t v, int32_t g) { return static_cast<int16_t>((v * g) >> 15); });
+}
+
+void fadeInOut(int32_t* samples, int frames) {
+    // Scaled down first: a 32-bit sample times the gain would not fit.
+    fadeFrames(samples, frames, [](int32_t v, int32_t g) { return (v >> 15) * g; });
+}
+
 int getSegueStep() {
+    // At 96000 Hz a crossfade of about the same length takes more frames.
+    if (isHighResolution()) return getSegueMode() == 1 ? 9000 : 36000;
     return getSegueMode() == 1 ? 20000 : 80000;
 }
 int getSegueThreshold() {
@@ -359,7 +433,8 @@ int timeToEOF(int ch) {
         case SRC_FLAC:
             return c.playPipe >= 0 ? decoderPipes().pipeTimeToEOF(c.playPipe) : 1000;
         case SRC_WAV:
-            return static_cast<int>((c.trackFileLength / 4 - S().samplesIntoTrack) / 44100);
+            return static_cast<int>(
+                (c.trackFileLength / outputFrameBytes() - S().samplesIntoTrack) / outputRate());
         case SRC_PIPE:
             return fetchFeeder().trackTimeToEOF(ch);
         default:
@@ -632,7 +707,7 @@ int getRandomMode() {
 }
 
 int getTimeIntoTrack() {
-    return static_cast<int>(S().samplesIntoTrack / 44100);
+    return static_cast<int>(S().samplesIntoTrack / outputRate());
 }
 
 int getDuration() {
@@ -654,6 +729,6 @@ int seek(int position) {
     int ch = currentChannel();
     if (S().channel[ch].source != SRC_PIPE) return 0;
     if (!fetchFeeder().seek(ch, position)) return 0;
-    S().samplesIntoTrack = static_cast<long long>(getDuration()) * position / 1000 * 44100;
+    S().samplesIntoTrack = static_cast<long long>(getDuration()) * position / 1000 * outputRate();
     return 1;
 }

@@ -38,10 +38,13 @@ constexpr int32_t kMixFull = 0x7FFF0000;
 // Both channels idle, nothing playing, the start-up source chosen.
 void resetPlayback();
 
-void getSamples(int16_t* dest, int frames);
-// Mixes secondary into primary by the running crossfade (16-bit stereo).
+// One period in the output's format (4 bytes a frame, 8 in high resolution).
+void getSamples(void* dest, int frames);
+// Mixes secondary into primary by the running crossfade.
 void outputmix(int16_t* primary, const int16_t* secondary, int frames);
+void outputmix(int32_t* primary, const int32_t* secondary, int frames);
 void fadeInOut(int16_t* samples, int frames);
+void fadeInOut(int32_t* samples, int frames);
 void fadeIn(void (*done)());
 void fadeOut(void (*done)());
 
@@ -62,7 +65,7 @@ bool isFading();
 
 // Starting and stopping.
 int startPlayingTrack(const std::string& path);
-// Plays a file of raw 16-bit stereo frames at 44100 Hz (chimes, tests).
+// Plays a file of raw frames in the output's format (chimes, tests).
 int startPlayingRaw(const std::string& path);
 // Plays the disc from track index (0 = the first) to the end of its audio.
 int startPlayingCD(int index);

@@ -15,6 +15,7 @@
 #include "core/paths.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
+#include "ripping/wav.h"
 
 namespace {
 
@@ -205,6 +206,13 @@ int FetchFeeder::startTrackDecoder(int channel, const std::string& path) {
         // Its decoder would wait on an input that never comes.
         killPipe(slot);
         return -1;
+    }
+    if (c.channelFileExt == FILE_WAV) {
+        // Reading a fifo, the decoder cannot tell a WAV file's length (it
+        // says "Duration: N/A"); the header can. A decoder that does learn
+        // it later only says the same again.
+        int seconds = WavFileSeconds(path.c_str());
+        if (seconds > 0 && getPipeDuration(slot) == 0) setPipeDuration(slot, seconds);
     }
     return slot;
 }

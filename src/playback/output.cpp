@@ -6,10 +6,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "core/log.h"
 #include "core/paths.h"
@@ -21,6 +22,7 @@ std::atomic<bool> deviceOpen{false};
 std::atomic<long> periods{0};
 std::atomic<long> underruns{0};
 std::atomic<int> currentDevice{0};
+std::atomic<bool> highResolution{false};
 OutputCallback callback = nullptr;
 
 void alsaError(const char* file, int line, const char* function, int err, const char* fmt, ...) {
@@ -35,17 +37,20 @@ void alsaError(const char* file, int line, const char* function, int err, const 
     kzInfo("ALSA %s: %s\n", function, text);
 }
 
-// An open PCM set up for 16-bit stereo at 44100 Hz, closed on destruction.
+// An open PCM set up for 16-bit stereo at 44100 Hz, or 32-bit stereo at
+// 96000 Hz, closed on destruction.
 class Pcm {
   public:
     ~Pcm() { close(); }
-    bool open(const std::string& device) {
+    bool open(const std::string& device, bool high) {
         if (snd_pcm_open(&pcm_, device.c_str(), SND_PCM_STREAM_PLAYBACK, 0) < 0) {
             pcm_ = nullptr;
             return false;
         }
-        if (snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2,
-                               kOutputRate, 1, 100000) < 0) {
+        high_ = high;
+        if (snd_pcm_set_params(pcm_, high ? SND_PCM_FORMAT_S32_LE : SND_PCM_FORMAT_S16_LE,
+                               SND_PCM_ACCESS_RW_INTERLEAVED, 2,
+                               high ? kHighResolutionRate : kOutputRate, 1, 100000) < 0) {
             close();
             return false;
         }
@@ -58,8 +63,9 @@ class Pcm {
         pcm_ = nullptr;
     }
     bool selfPaced() const { return selfPaced_; }
+    bool high() const { return high_; }
     // false when the device is gone and must be opened again.
-    bool write(const int16_t* frames, int count) {
+    bool write(const uint8_t* frames, int count) {
         while (count > 0) {
             snd_pcm_sframes_t n = snd_pcm_writei(pcm_, frames, count);
             if (n < 0) {
@@ -68,7 +74,7 @@ class Pcm {
                 if (snd_pcm_recover(pcm_, static_cast<int>(n), 1) < 0) return false;
                 continue;
             }
-            frames += n * 2;
+            frames += n * (high_ ? 8 : 4);
             count -= static_cast<int>(n);
         }
         return true;
@@ -77,36 +83,56 @@ class Pcm {
   private:
     snd_pcm_t* pcm_ = nullptr;
     bool selfPaced_ = true;
+    bool high_ = false;
 };
+
+// Idle output is 16-bit words of 1, in either format: it reaches the device
+// as the callback made it.
+bool isIdle(const uint8_t* period, int bytes) {
+    for (int i = 0; i < bytes; i += 2) {
+        if (period[i] != 1 || period[i + 1] != 0) return false;
+    }
+    return true;
+}
 
 void outputThread(Pcm* first) {
     std::unique_ptr<Pcm> pcm(first);
-    std::vector<int16_t> buffer(kOutputPeriodFrames * 2);
-    const auto period = std::chrono::nanoseconds(1000000000LL * kOutputPeriodFrames / kOutputRate);
+    // Raw bytes: the period holds 16-bit or 32-bit samples as the format says.
+    std::unique_ptr<uint8_t[]> storage(new uint8_t[kOutputPeriodFrames * 8 + 8]);
+    uint8_t* buffer = storage.get();
     auto next = std::chrono::steady_clock::now();
     for (;;) {
+        if (pcm && pcm->high() != highResolution) {
+            kzLog("Alsa device %s reopened for %s\n", pcmDevice().c_str(),
+                  highResolution ? "32-bit 96000 Hz" : "16-bit 44100 Hz");
+            pcm.reset();
+            auto candidate = std::make_unique<Pcm>();
+            if (candidate->open(pcmDevice(), highResolution)) pcm = std::move(candidate);
+            next = std::chrono::steady_clock::now();
+        }
         if (!pcm) {
             // No device: try again each second, and play once one opens.
+            deviceOpen = false;
             std::this_thread::sleep_for(std::chrono::seconds(1));
             auto candidate = std::make_unique<Pcm>();
-            if (!candidate->open(pcmDevice())) continue;
+            if (!candidate->open(pcmDevice(), highResolution)) continue;
             kzLog("Alsa device %s opened\n", pcmDevice().c_str());
             pcm = std::move(candidate);
             next = std::chrono::steady_clock::now();
         }
         deviceOpen = true;
-        callback(buffer.data(), kOutputPeriodFrames);
+        const bool high = pcm->high();
+        const int bytes = kOutputPeriodFrames * (high ? 8 : 4);
+        callback(buffer, kOutputPeriodFrames);
         // Silence stays as the callback made it (the idle value must reach
         // the device unchanged); music gets volume and tone.
-        bool idle = true;
-        for (int16_t s : buffer) {
-            if (s != 1) {
-                idle = false;
-                break;
-            }
+        if (!isIdle(buffer, bytes)) {
+            if (high)
+                toneControl().process(reinterpret_cast<int32_t*>(buffer), kOutputPeriodFrames);
+            else
+                toneControl().process(reinterpret_cast<int16_t*>(buffer), kOutputPeriodFrames);
         }
-        if (!idle) toneControl().process(buffer.data(), kOutputPeriodFrames);
-        if (!pcm->write(buffer.data(), kOutputPeriodFrames)) {
+        if (!pcm->write(buffer, kOutputPeriodFrames)) {
             kzLog("Alsa device %s lost\n", pcmDevice().c_str());
             pcm.reset();
             deviceOpen = false;
@@ -114,6 +140,8 @@ void outputThread(Pcm* first) {
         }
         periods++;
         if (!pcm->selfPaced()) {
+            const auto period = std::chrono::nanoseconds(
+                1000000000LL * kOutputPeriodFrames / (high ? kHighResolutionRate : kOutputRate));
             next += period;
             auto now = std::chrono::steady_clock::now();
             // A period handed over after its time is what a real device
@@ -133,11 +161,28 @@ ToneControl& toneControl() {
     return tone;
 }
 
+void setOutputHighResolution(bool on) {
+    highResolution = on;
+    toneControl().setRate(on ? kHighResolutionRate : kOutputRate);
+}
+
+bool isHighResolution() {
+    return highResolution;
+}
+
+int outputRate() {
+    return highResolution ? kHighResolutionRate : kOutputRate;
+}
+
+int outputFrameBytes() {
+    return highResolution ? 8 : 4;
+}
+
 int initAlsaPlayback(OutputCallback cb) {
     callback = cb;
     snd_lib_error_set_handler(alsaError);
     auto pcm = std::make_unique<Pcm>();
-    bool ok = pcm->open(pcmDevice());
+    bool ok = pcm->open(pcmDevice(), highResolution);
     if (!ok) pcm.reset();
     std::thread(outputThread, pcm.release()).detach();
     return ok ? 1 : 0;

@@ -9,11 +9,22 @@
 
 #include "playback/tone.h"
 
-// Fills frames of 16-bit stereo at 44100 Hz.
-using OutputCallback = void (*)(int16_t* dest, int frames);
+// Fills frames in the output's sample format: 16-bit stereo (4 bytes a
+// frame) or, in high resolution, 32-bit stereo (8 bytes a frame).
+using OutputCallback = void (*)(void* dest, int frames);
 
 constexpr int kOutputPeriodFrames = 1024;
 constexpr int kOutputRate = 44100;
+constexpr int kHighResolutionRate = 96000;
+
+// 16-bit stereo at 44100 Hz unless high resolution (32-bit stereo at 96000
+// Hz) is chosen. The output thread follows a change at its next period by
+// opening the device again; the decoders are told separately (see
+// setHighResolution in playback.h).
+void setOutputHighResolution(bool on);
+bool isHighResolution();
+int outputRate();
+int outputFrameBytes();
 
 // Starts the output thread. Returns 1 when the device opened; 0 when it did
 // not, in which case the thread keeps trying and plays once it can.

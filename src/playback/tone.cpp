@@ -3,13 +3,19 @@
 #include <cmath>
 
 namespace {
-constexpr double kRate = 44100.0;
 constexpr double kBassHz = 250.0;
 constexpr double kTrebleHz = 4000.0;
 }  // namespace
 
 ToneControl::ToneControl() {
-    setBassTreble(0, 0);
+    design();
+}
+
+void ToneControl::setRate(int rate) {
+    std::lock_guard<std::mutex> g(mutex_);
+    if (rate <= 0 || rate == rate_) return;
+    rate_ = rate;
+    design();
 }
 
 double ToneControl::Biquad::run(double x, int ch) {
@@ -22,11 +28,11 @@ double ToneControl::Biquad::run(double x, int ch) {
 
 // A shelving filter with a slope of 1 from the usual audio-EQ design
 // equations: gainDb above (high shelf) or below (low shelf) freq.
-ToneControl::Biquad ToneControl::shelf(bool low, double freq, double gainDb) {
+ToneControl::Biquad ToneControl::shelf(bool low, double freq, double gainDb) const {
     Biquad q;
     if (gainDb == 0) return q;
     double A = std::pow(10.0, gainDb / 40.0);
-    double w = 2 * M_PI * freq / kRate;
+    double w = 2 * M_PI * freq / rate_;
     double cw = std::cos(w), sw = std::sin(w);
     double alpha = sw / 2 * std::sqrt(2.0);
     double sq = 2 * std::sqrt(A) * alpha;
@@ -61,8 +67,12 @@ void ToneControl::setBassTreble(int bass, int treble) {
     if (bass == bassSteps_ && treble == trebleSteps_) return;
     bassSteps_ = bass;
     trebleSteps_ = treble;
-    bass_ = shelf(true, kBassHz, bass * kStepDb);
-    treble_ = shelf(false, kTrebleHz, treble * kStepDb);
+    design();
+}
+
+void ToneControl::design() {
+    bass_ = shelf(true, kBassHz, bassSteps_ * kStepDb);
+    treble_ = shelf(false, kTrebleHz, trebleSteps_ * kStepDb);
 }
 
 void ToneControl::setVolume(int volume) {
@@ -76,15 +86,23 @@ bool ToneControl::isFlat() const {
     return bassSteps_ == 0 && trebleSteps_ == 0 && volume_ == kMaxVolume;
 }
 
-void ToneControl::process(int16_t* samples, int frames) {
+template <typename Sample>
+void ToneControl::run(Sample* samples, int frames, double lowest, double highest) {
     std::lock_guard<std::mutex> g(mutex_);
     if (bassSteps_ == 0 && trebleSteps_ == 0 && volume_ == kMaxVolume) return;
     const bool filter = bassSteps_ != 0 || trebleSteps_ != 0;
     for (int i = 0; i < frames * 2; i++) {
         double x = samples[i];
         if (filter) x = treble_.run(bass_.run(x, i & 1), i & 1);
-        x *= gain_;
-        long v = std::lround(x);
-        samples[i] = static_cast<int16_t>(v > 32767 ? 32767 : v < -32768 ? -32768 : v);
+        x = std::round(x * gain_);
+        samples[i] = static_cast<Sample>(x > highest ? highest : x < lowest ? lowest : x);
     }
+}
+
+void ToneControl::process(int16_t* samples, int frames) {
+    run(samples, frames, -32768.0, 32767.0);
+}
+
+void ToneControl::process(int32_t* samples, int frames) {
+    run(samples, frames, -2147483648.0, 2147483647.0);
 }

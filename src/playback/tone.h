@@ -1,5 +1,5 @@
-// Volume and bass/treble for 16-bit stereo at 44100 Hz: two shelving filters
-// per channel and a gain, applied in place to each output period.
+// Volume and bass/treble: two shelving filters per channel and a gain,
+// applied in place to each output period of 16-bit or 32-bit stereo.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +11,8 @@ class ToneControl {
     static constexpr int kMaxVolume = 64;
 
     ToneControl();
+    // The filters' corners are set for this rate (44100 unless told).
+    void setRate(int rate);
     // Bass and treble in steps of 1.5 dB, -6 to 6.
     void setBassTreble(int bass, int treble);
     // 0 (silent) to 64 (full level); each step below 64 takes 0.75 dB off.
@@ -18,6 +20,7 @@ class ToneControl {
     int volume() const { return volume_; }
     // Filters and scales frames of interleaved stereo in place.
     void process(int16_t* samples, int frames);
+    void process(int32_t* samples, int frames);
     // True when process() would leave every sample as it is.
     bool isFlat() const;
 
@@ -27,11 +30,15 @@ class ToneControl {
         double z1[2] = {0, 0}, z2[2] = {0, 0};
         double run(double x, int ch);
     };
-    static Biquad shelf(bool low, double freq, double gainDb);
+    Biquad shelf(bool low, double freq, double gainDb) const;
+    void design();
+    template <typename Sample>
+    void run(Sample* samples, int frames, double lowest, double highest);
 
     mutable std::mutex mutex_;
     Biquad bass_, treble_;
     int bassSteps_ = 0, trebleSteps_ = 0;
     int volume_ = kMaxVolume;
+    double rate_ = 44100.0;
     double gain_ = 1.0;
 };

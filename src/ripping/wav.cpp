@@ -2,6 +2,9 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+
+#include <vector>
 
 #include "core/log.h"
 
@@ -386,6 +389,27 @@ int WavReadChunks(const uint8_t* buf, size_t len, WavFileInfo* out, WavListInfo*
         if ((size & 1) && pos < len) pos++;
     }
     return out->hasFmt && out->dataOffset >= 0 ? 1 : 0;
+}
+
+int WavFileSeconds(const char* path) {
+    FILE* f = fopen(path, "rbe");
+    if (!f) return -1;
+    struct stat st;
+    long long fileSize = fstat(fileno(f), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+    // The chunks before the audio are small: names, a format, perhaps a
+    // little padding.
+    std::vector<uint8_t> head(65536);
+    size_t got = fread(head.data(), 1, head.size(), f);
+    fclose(f);
+    WavFileInfo wav;
+    if (!WavReadChunks(head.data(), got, &wav, nullptr)) return -1;
+    uint32_t byteRate = wav.fmt.byteRate;
+    if (byteRate == 0) byteRate = wav.fmt.sampleRate * wav.fmt.blockAlign;
+    if (byteRate == 0) return -1;
+    long long there = fileSize - wav.dataOffset;
+    long long bytes = wav.dataSize;
+    if (bytes == 0 || bytes > there) bytes = there;
+    return bytes > 0 ? static_cast<int>(bytes / byteRate) : 0;
 }
 
 void WavFmtPrint(const WavFmt* fmt) {

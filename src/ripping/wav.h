@@ -126,6 +126,12 @@ struct WavFileInfo {
 };
 int WavReadChunks(const uint8_t* buf, size_t len, WavFileInfo* out, WavListInfo* info);
 
+// Whole seconds of audio in a WAV file: the data chunk's bytes over the byte
+// rate, the bytes being those really in the file when the chunk claims more
+// (a short rip) or nothing (an interrupted one). -1 when the file is not a
+// WAV with fmt and data.
+int WavFileSeconds(const char* path);
+
 void WavFmtPrint(const WavFmt* fmt);
 void WavListInfoPrint(const WavListInfo* info);
 void WavPrintBuf(const uint8_t* buf, size_t len);

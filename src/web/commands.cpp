@@ -46,6 +46,24 @@ struct Request {
 
 using Handler = void (*)(const Request&);
 
+// A decimal number with an optional "-", held to the int range: a huge value
+// must neither overflow nor wrap round onto a small one. 0 when absent.
+int toInt(const char* text) {
+    if (!text) return 0;
+    bool negative = *text == '-';
+    if (negative) text++;
+    long long v = 0;
+    while (*text >= '0' && *text <= '9') {
+        v = std::min<long long>(v * 10 + (*text++ - '0'), 1LL + INT_MAX);
+    }
+    if (negative) return static_cast<int>(-v < INT_MIN ? INT_MIN : -v);
+    return static_cast<int>(std::min<long long>(v, INT_MAX));
+}
+
+int clampInt(int v, int low, int high) {
+    return v < low ? low : v > high ? high : v;
+}
+
 // The value word of a settings command: after the command word, past any
 // "&name=", up to the next "&", percent-decoded.
 std::string settingWord(const Request& r) {
@@ -138,15 +156,15 @@ void webSetSegue(const Request& r) {
 
 void webSetRandom(const Request& r) {
     const char* v = findParameter(r.from, "&random=");
-    if (v) setRandomMode(atoi(v));
+    if (v) setRandomMode(toInt(v));
     r.reply->text = "[]";
 }
 
 void webSetSorted(const Request& r) {
     const char* s = findParameter(r.from, "&sorted=");
     const char* v = findParameter(r.from, "&reversed=");
-    if (s) setSorted(atoi(s));
-    if (v) setReversed(atoi(v));
+    if (s) setSorted(toInt(s));
+    if (v) setReversed(toInt(v));
     if (s || v) sortAlbumsAndArtists();
     r.reply->text = "[]";
 }
@@ -327,7 +345,7 @@ bool containsNoCase(const char* hay, const std::string& needle) {
 
 int flag(const char* uri, const char* name) {
     const char* v = findParameter(uri, name);
-    return v ? atoi(v) : 1;
+    return v ? toInt(v) : 1;
 }
 
 // Artists, then albums, then tracks whose names hold the text (any case).
@@ -337,11 +355,11 @@ void webSearch3(const Request& r) {
     if (v) stripPercentagesFromURLTail(text, v, sizeof text);
     std::string needle = text;
     int offset = 0, count = 500;
-    if ((v = findParameter(r.uri, "&offset="))) offset = std::max(0, atoi(v));
-    if ((v = findParameter(r.uri, "&count="))) count = std::min(1000, std::max(0, atoi(v)));
+    if ((v = findParameter(r.uri, "&offset="))) offset = std::max(0, toInt(v));
+    if ((v = findParameter(r.uri, "&count="))) count = std::min(1000, std::max(0, toInt(v)));
     int playlist = -1;
     if ((v = findParameter(r.uri, "&playlist="))) {
-        playlist = atoi(v);
+        playlist = toInt(v);
         if (idIsPlaylist(playlist)) playlist = idToPlaylist(playlist);
     }
     std::vector<int> found;
@@ -397,7 +415,7 @@ void webSearch3(const Request& r) {
     static thread_local JsonList list;
     list = JsonList();
     for (size_t i = static_cast<size_t>(offset);
-         i < found.size() && i < static_cast<size_t>(offset + count); i++) {
+         i < found.size() && i < static_cast<size_t>(offset) + static_cast<size_t>(count); i++) {
         if (!list.add(itemObject(found[i]))) break;
     }
     r.reply->text = list.finish();
@@ -405,7 +423,7 @@ void webSearch3(const Request& r) {
 
 void webRip(const Request& r) {
     const char* v = findParameter(r.after, "&index=");
-    int index = v ? atoi(v) : 0;
+    int index = v ? toInt(v) : 0;
     kzLog("index = %d\n", index);
     ripUserChoice = index;
     startRip();
@@ -471,8 +489,8 @@ void webAllStop(const Request&) {
 }
 
 void webSetTone(const Request& r) {
-    int bass = getSignedNumber(r.uri, "&bass=");
-    int treble = getSignedNumber(r.uri, "&treble=");
+    int bass = clampInt(getSignedNumber(r.uri, "&bass="), -6, 6);
+    int treble = clampInt(getSignedNumber(r.uri, "&treble="), -6, 6);
     setBassTreble(bass, treble);
     setBassAndTrebleSettings(bass, treble);
     r.reply->text = "[]";
@@ -510,7 +528,7 @@ void webEject(const Request&) {
 
 void webVol(const Request& r) {
     if (*r.after < '0' || *r.after > '9') return;
-    setVolume(atoi(r.after), 0);
+    setVolume(clampInt(toInt(r.after), 0, 64), 0);
 }
 
 void webStatus(const Request& r, bool full) {
@@ -630,9 +648,9 @@ void webQueueID(const Request& r) {
 void webStartPlaylist(const Request& r) {
     const char* v = findParameter(r.uri, "&playlist=");
     if (!v) return;
-    int playlist = playlistIndex(atoi(v));
+    int playlist = playlistIndex(toInt(v));
     int from = 0;
-    if ((v = findParameter(r.uri, "&id="))) from = atoi(v);
+    if ((v = findParameter(r.uri, "&id="))) from = toInt(v);
     lockQueue();
     playPlaylist(playlist, from);
     unlockQueue();
@@ -675,9 +693,9 @@ void webSetMasks(const Request& r) {
     const char* v;
     constexpr long kAll = 0x3ffffff;
     if ((v = findParameter(r.from, "&orMask=")))
-        lib().orMask = static_cast<int32_t>(atol(v) & kAll);
+        lib().orMask = static_cast<int32_t>(toInt(v) & kAll);
     if ((v = findParameter(r.from, "&notMask=")))
-        lib().notMask = static_cast<int32_t>(atol(v) & kAll);
+        lib().notMask = static_cast<int32_t>(toInt(v) & kAll);
     r.reply->text = "[]";
 }
 
@@ -710,12 +728,12 @@ void webSendKey(const Request& r) {
     const char* v = findParameter(r.uri, "&index=");
     r.reply->text = "[]";
     if (!v || *v < '0' || *v > '9') return;
-    long code = atol(v);
-    if (code > 1000 || !isKeyEvent(static_cast<int>(code))) {
-        kzLog("webSendKey () ignoring %ld\n", code);
+    int code = toInt(v);
+    if (!isKeyEvent(code)) {
+        kzLog("webSendKey () ignoring %d\n", code);
         return;
     }
-    wakeAndAddEvent(static_cast<int>(code));
+    wakeAndAddEvent(code);
 }
 
 // The cover of an album: the ripper's "coverart.jpg", or the first picture
@@ -762,7 +780,7 @@ void webGetCurrentArtPath(const Request& r) {
 
 void webGetCDDB(const Request& r) {
     const char* v = findParameter(r.uri, "&index=");
-    int index = v ? atoi(v) : 1;
+    int index = v ? toInt(v) : 1;
     r.reply->text = "[]";
     if (index < 1 || index > getLookupCandidateCount()) return;
     RipNames names = getLookupCandidate(index - 1);
@@ -790,7 +808,8 @@ void webGetDiscid(const Request& r) {
 void setGenericFromWord(const Request& r, const char* key) {
     std::string w = settingWord(r);
     int row = findSettingRow(key);
-    if (row >= 0 && !w.empty() && w[0] >= '0' && w[0] <= '9') setSettingValue(row, atoi(w.c_str()));
+    if (row >= 0 && !w.empty() && w[0] >= '0' && w[0] <= '9')
+        setSettingValue(row, toInt(w.c_str()));
     r.reply->text = "[]";
 }
 void webTvUi(const Request& r) {
@@ -816,9 +835,9 @@ void webSetClassical(const Request& r) {
 void webGuest(const Request& r) {
     const char* v = findParameter(r.from, "&guest=");
     int row = findSettingRow("GuestMode");
-    if (v && row >= 0) setSettingValue(row, atoi(v) ? 1 : 0);
+    if (v && row >= 0) setSettingValue(row, toInt(v) ? 1 : 0);
     if ((v = findParameter(r.from, "&playlist="))) {
-        int index = playlistIndex(atoi(v));
+        int index = playlistIndex(toInt(v));
         setGuestModePlaylist(index >= 0 && index < getPlaylistCount() ? index : -1);
     }
     saveSettings();
@@ -1016,7 +1035,7 @@ long long findLongNumericParameter(const char* text, const char* name, int* foun
 
 int getSignedNumber(const char* text, const char* name) {
     const char* at = findParameter(text, name);
-    return at ? atoi(at) : 0;
+    return toInt(at);
 }
 
 void webDispatch(const char* uri, FcgiReply* reply) {

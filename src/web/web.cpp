@@ -22,6 +22,7 @@
 #include "library/names.h"
 #include "playback/control.h"
 #include "playback/playback.h"
+#include "playback/resample.h"
 #include "playback/smartbuffer.h"
 #include "ripping/ripper.h"
 #include "web/commands.h"
@@ -51,6 +52,7 @@ struct WebState {
 };
 std::unique_ptr<WebState> web;
 std::unique_ptr<SmartBuffer> webBuffer;
+Upsampler webUpsampler;  // the output thread's alone
 std::mutex titleMutex;
 std::string webTitle;
 
@@ -308,6 +310,22 @@ bool getWebSamples(int16_t* dest, int frames) {
     if (!webBuffer->dumbGet(frames, dest)) {
         for (int i = 0; i < frames * 2; i++)
             dest[i] = 1;
+    }
+    return true;
+}
+
+bool getWebSamples(int32_t* dest, int frames) {
+    if (!getWebSamplesRunning || !webBuffer) return false;
+    bool dry = false;
+    webUpsampler.pull(dest, frames, [&dry](int16_t* d, int n) {
+        dry = !webBuffer->dumbGet(n, d);
+        return dry ? 0 : n;
+    });
+    if (dry) {
+        // The idle value: 16-bit words of 1, two to a 32-bit sample.
+        for (int i = 0; i < frames * 2; i++)
+            dest[i] = 0x00010001;
+        webUpsampler.reset();
     }
     return true;
 }

@@ -38,5 +38,7 @@ extern std::atomic<int> getWebSamplesEnabled;
 extern std::atomic<int> getWebSamplesRunning;
 // One period of the browser's audio; false while it is not playing.
 bool getWebSamples(int16_t* dest, int frames);
+// The same in high resolution (the browser sends CD-rate audio).
+bool getWebSamples(int32_t* dest, int frames);
 // The browser stream's title ("Browser" when it has none).
 std::string getWebTitle();

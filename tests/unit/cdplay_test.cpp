@@ -8,6 +8,7 @@
 #include "core/paths.h"
 #include "playback/cd.h"
 #include "playback/control.h"
+#include "playback/playback.h"
 #include "ripping/cdrom.h"
 
 namespace {
@@ -37,6 +38,7 @@ class CdPlayTest : public ::testing::Test {
     }
     void TearDown() override {
         resetPlayback();
+        setHighResolution(false);
         stopCDReader();
         setHostRoot("");
         fs::remove_all(dir);
@@ -80,6 +82,35 @@ TEST_F(CdPlayTest, PlaysTheDiscFromATrackToItsEnd) {
     setHostCdrom((dir / "missing.cue").string());
     EXPECT_EQ(startPlayingCD(0), 0);
     EXPECT_FALSE(isPlaying());
+}
+
+TEST_F(CdPlayTest, HighResolutionHearsTheDiscAtNinetySixKilohertz) {
+    setHighResolution(true);
+    ASSERT_EQ(startPlayingCD(0), 1);
+    std::vector<int32_t> p(2048);
+    long first = 0, second = 0, other = 0;
+    for (int i = 0; i < 2000 && isPlaying(); i++) {
+        getSamples(p.data(), 1024);
+        for (int32_t v : p) {
+            int level = v / 65536;
+            if (level >= 1000 && level < 1500) {
+                first++;
+            } else if (level >= -2000 && level < -1500) {
+                second++;
+            } else if (v != 0) {
+                other++;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_FALSE(isPlaying());
+    // Each track's sectors, 588 frames each, last 96000 / 44100 times as
+    // many frames; only the first rise from silence and the step between the
+    // tracks, a frame or two each, fall in between.
+    const double stretch = 96000.0 / 44100;
+    EXPECT_NEAR(first / 2, 150 * 588 * stretch, 4);
+    EXPECT_NEAR(second / 2, 100 * 588 * stretch, 4);
+    EXPECT_LE(other / 2, 4);
 }
 
 }  // namespace

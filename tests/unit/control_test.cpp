@@ -9,6 +9,8 @@
 
 #include "core/events.h"
 #include "library/settings.h"
+#include "playback/output.h"
+#include "playback/playback.h"
 
 namespace {
 
@@ -25,6 +27,7 @@ class ControlTest : public ::testing::Test {
     }
     void TearDown() override {
         resetPlayback();
+        setHighResolution(false);
         resetSettings();
         fs::remove_all(dir);
     }
@@ -35,6 +38,18 @@ class ControlTest : public ::testing::Test {
         std::ofstream(path, std::ios::binary)
             .write(reinterpret_cast<const char*>(data.data()), data.size() * 2);
         return path;
+    }
+    std::string raw32(const std::string& name, int frames, int32_t value) {
+        std::string path = (dir / name).string();
+        std::vector<int32_t> data(static_cast<size_t>(frames) * 2, value);
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(data.data()), data.size() * 4);
+        return path;
+    }
+    std::vector<int32_t> period32(int frames = 1024) {
+        std::vector<int32_t> out(static_cast<size_t>(frames) * 2);
+        getSamples(out.data(), frames);
+        return out;
     }
     std::vector<int16_t> period(int frames = 1024) {
         std::vector<int16_t> out(static_cast<size_t>(frames) * 2);
@@ -170,6 +185,67 @@ TEST_F(ControlTest, AThirdTrackReversesTheCrossfade) {
     EXPECT_LT(getMixStep(), 0);
     EXPECT_EQ(prepareSegue2(), 1);
     EXPECT_GT(getMixStep(), 0);
+}
+
+TEST_F(ControlTest, HighResolutionMixesAndFadesThirtyTwoBitFrames) {
+    setHighResolution(true);
+    EXPECT_EQ(outputRate(), 96000);
+    // Idle is still 16-bit words of 1.
+    auto idle = period32();
+    EXPECT_TRUE(std::all_of(idle.begin(), idle.end(), [](int32_t s) { return s == 0x00010001; }));
+
+    // Full scale against full scale of the other sign: the mix must pass
+    // through every level in between, never wrap.
+    setSegue(1);
+    ASSERT_EQ(startPlayingRaw(raw32("old.raw", 400000, INT32_MAX)), 1);
+    auto first = period32();
+    EXPECT_EQ(first[0], INT32_MAX);
+    EXPECT_EQ(first[2047], INT32_MAX);
+    ASSERT_EQ(startPlayingRaw(raw32("new.raw", 400000, INT32_MIN)), 1);
+    EXPECT_EQ(getMixStep(), 9000);
+    int frames = 0;
+    int64_t previous = INT32_MAX;
+    bool falling = true;
+    while (inSegue() && frames < 400000) {
+        auto p = period32();
+        for (int f = 0; f < 1024; f++) {
+            falling &= p[2 * f] <= previous && p[2 * f] == p[2 * f + 1];
+            previous = p[2 * f];
+        }
+        frames += 1024;
+    }
+    EXPECT_TRUE(falling);
+    // About 2.5 s at 96000 Hz, like the 2.4 s at 44100.
+    EXPECT_NEAR(frames, kMixFull / 9000, 1024);
+    EXPECT_NEAR(frames / 96000.0, 2.49, 0.02);
+    EXPECT_LT(previous, INT32_MIN + (1 << 18));
+    EXPECT_EQ(period32()[0], INT32_MIN);
+
+    // A fade of 32-bit samples: the same 22050 frames, then seven silent
+    // periods.
+    static int completed = 0;
+    completed = 0;
+    fadeOut([] { completed++; });
+    auto p = period32();
+    EXPECT_LT(p[0], -(1 << 30));
+    EXPECT_GT(p[2046], p[0]);
+    int periods = 1;
+    while (isFading() && periods < 100) {
+        p = period32();
+        periods++;
+    }
+    EXPECT_EQ(periods, 22 + 7);
+    EXPECT_EQ(completed, 1);
+    EXPECT_TRUE(std::all_of(p.begin(), p.end(), [](int32_t s) { return s == 0; }));
+
+    // Time runs at 96000 frames a second, and a raw track's end is judged
+    // in 8-byte frames.
+    resetPlayback();
+    ASSERT_EQ(startPlayingRaw(raw32("ten.raw", 96000 * 10, 5)), 1);
+    for (int i = 0; i < 190; i++)
+        period32();
+    EXPECT_EQ(getTimeIntoTrack(), 2);
+    EXPECT_EQ(timeToEOF(0), 7);
 }
 
 }  // namespace

@@ -7,15 +7,18 @@
 
 namespace {
 
-// RMS level of a tone at hz after the control, in dB relative to the input.
-double levelAfter(ToneControl& tone, double hz) {
-    const int frames = 44100;
-    std::vector<int16_t> buf(frames * 2);
+// RMS level of a tone at hz after the control, in dB relative to the input:
+// 16-bit samples at 44100 Hz, or 32-bit ones at the rate given.
+template <typename Sample = int16_t>
+double levelAfter(ToneControl& tone, double hz, int rate = 44100) {
+    const int frames = rate;
+    const double amplitude = sizeof(Sample) == 2 ? 8000 : 8000.0 * 65536;
+    std::vector<Sample> buf(frames * 2);
     for (int i = 0; i < frames; i++) {
-        int16_t v = static_cast<int16_t>(8000 * std::sin(2 * M_PI * hz * i / 44100));
+        Sample v = static_cast<Sample>(amplitude * std::sin(2 * M_PI * hz * i / rate));
         buf[2 * i] = buf[2 * i + 1] = v;
     }
-    double in = 8000 / std::sqrt(2.0);
+    double in = amplitude / std::sqrt(2.0);
     for (int off = 0; off < frames; off += 1024)
         tone.process(&buf[off * 2], std::min(1024, frames - off));
     double sum = 0;
@@ -53,6 +56,32 @@ TEST(ToneControl, BassAndTrebleShelves) {
 
     tone.setBassTreble(-20, 20);  // clamped to -6..6 steps
     EXPECT_NEAR(levelAfter(tone, 40), -9.0, 0.7);
+}
+
+TEST(ToneControl, ThirtyTwoBitAtNinetySixKilohertz) {
+    ToneControl tone;
+    tone.setRate(96000);
+    tone.setVolume(32);
+    EXPECT_NEAR(levelAfter<int32_t>(tone, 1000, 96000), -24.0, 0.2);
+    tone.setVolume(64);
+    // The corners stay where they were at 44100 Hz.
+    tone.setBassTreble(6, -4);
+    EXPECT_NEAR(levelAfter<int32_t>(tone, 40, 96000), 9.0, 0.7);
+    EXPECT_NEAR(levelAfter<int32_t>(tone, 15000, 96000), -6.0, 0.7);
+    ToneControl cd;
+    cd.setBassTreble(6, -4);
+    for (double hz : {150.0, 1500.0, 6000.0})
+        EXPECT_NEAR(levelAfter<int32_t>(tone, hz, 96000), levelAfter(cd, hz), 0.3) << hz;
+
+    // Boosted past full scale, samples stop at the limits instead of
+    // wrapping round to the other sign.
+    tone.setBassTreble(6, 0);
+    std::vector<int32_t> loud(2048);
+    for (size_t i = 0; i < loud.size(); i += 2)
+        loud[i] = loud[i + 1] = i < 1024 ? INT32_MAX - 5 : INT32_MIN + 5;
+    tone.process(loud.data(), 1024);
+    EXPECT_EQ(loud[1000], INT32_MAX);
+    EXPECT_EQ(loud[2040], INT32_MIN);
 }
 
 }  // namespace

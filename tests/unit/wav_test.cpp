@@ -131,6 +131,35 @@ TEST_F(WavTest, ReaderFindsChunksInAnyOrderAndSkipsUnknownOnes) {
     EXPECT_STREQ(WavListInfoGetAlbumName(r.info), "Album");
 }
 
+TEST_F(WavTest, SecondsComeFromTheAudioReallyThere) {
+    Owned r;
+    fillCdFormat(r.fmt);
+    WavListInfoSetAlbumName(r.info, "Album", 5);
+    std::string audio(176400 * 3 + 176399, '\0');
+    std::string good = writeFile(path, r, audio);
+    EXPECT_EQ(WavFileSeconds(path.c_str()), 3);
+    const size_t dataSizeAt = good.size() - audio.size() - 4;
+    struct Case {
+        uint32_t claimed;
+        size_t kept;
+        int seconds;
+    } cases[] = {
+        {0, good.size(), 3},                        // an interrupted rip's 0
+        {176400 * 10, good.size(), 3},              // more claimed than there
+        {176400 * 2, good.size(), 2},               // a chunk that ends early
+        {176400 * 3, good.size() - 176400 * 2, 1},  // a file cut short
+    };
+    for (const Case& c : cases) {
+        std::string bytes = good.substr(0, c.kept);
+        bytes.replace(dataSizeAt, 4, le32(c.claimed));
+        std::ofstream(path, std::ios::binary) << bytes;
+        EXPECT_EQ(WavFileSeconds(path.c_str()), c.seconds) << c.claimed << " " << c.kept;
+    }
+    std::ofstream(path, std::ios::binary) << "ID3" << std::string(5000, 'x');
+    EXPECT_EQ(WavFileSeconds(path.c_str()), -1);
+    EXPECT_EQ(WavFileSeconds("/nonexistent/x.wav"), -1);
+}
+
 TEST_F(WavTest, DamagedBuffersNeverReadOutOfBounds) {
     Owned r;
     fillCdFormat(r.fmt);
