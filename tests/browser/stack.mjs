@@ -94,6 +94,10 @@ export class Stack {
     const env = { ...process.env, KZ_ROOT: this.root, KZ_PCM: 'null', KZ_CDROM: cue };
     delete env.KZ_VERBOSE;
     this.daemon = spawn(KZ_BIN, [], { env, stdio: ['ignore', 'pipe', 'pipe'] });
+    // A run that is cut short (a time-out, Ctrl-C) takes its processes along.
+    this.onExit = () => this.#killNow();
+    process.on('exit', this.onExit);
+    for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(130));
     this.exited = new Promise((resolve) => this.daemon.on('exit', (code, signal) => resolve({ code, signal })));
     let partial = '';
     this.daemon.stdout.on('data', (chunk) => {
@@ -166,16 +170,26 @@ export class Stack {
     return result;
   }
 
+  #killLighttpd() {
+    const pidFile = join(this.root, 'var', 'run', 'lighttpd.pid');
+    if (!existsSync(pidFile)) return;
+    try {
+      process.kill(Number(readFileSync(pidFile, 'utf8')), 'SIGTERM');
+    } catch {
+      // already gone
+    }
+  }
+
+  #killNow() {
+    if (this.daemon && this.daemon.exitCode === null && this.daemon.signalCode === null) this.daemon.kill('SIGKILL');
+    this.#killLighttpd();
+    rmSync(this.root, { recursive: true, force: true });
+  }
+
   async stop() {
     await this.stopDaemon();
-    const pidFile = join(this.root, 'var', 'run', 'lighttpd.pid');
-    if (existsSync(pidFile)) {
-      try {
-        process.kill(Number(readFileSync(pidFile, 'utf8')), 'SIGTERM');
-      } catch {
-        // already gone
-      }
-    }
+    this.#killLighttpd();
+    if (this.onExit) process.off('exit', this.onExit);
     rmSync(this.root, { recursive: true, force: true });
   }
 }
