@@ -1,0 +1,225 @@
+// The library: artists → albums → tracks in the daemon's display order, and
+// search as you type over all three.
+import { artUrl, call, list } from './api.js';
+import { chooseAndAdd, play, queue, rowActions } from './actions.js';
+import { cover, debounce, h, icon, note, on, rowText } from './ui.js';
+
+const $ = (id) => document.getElementById(id);
+const PAGE = 50;
+const SEARCH_DELAY_MS = 250;
+
+let route = { kind: 'artists' };
+// Each render and search is numbered; a reply for an older one is dropped.
+let generation = 0;
+
+function crumbs(parts) {
+  const nav = $('crumbs');
+  nav.hidden = !parts.length;
+  const items = [['Library', '#/library'], ...parts];
+  nav.replaceChildren(
+    h(
+      'ol',
+      {},
+      items.map(([label, href], i) =>
+        h('li', {}, i === items.length - 1 ? h('span', { 'aria-current': 'page', text: label }) : h('a', { href, text: label })),
+      ),
+    ),
+  );
+}
+
+function header(title, sub, id, label, art) {
+  return [
+    h('div', { class: 'detail-head' }, art, h('div', { class: 'detail-text' }, h('h2', { text: title }), sub)),
+    h(
+      'div',
+      { class: 'btn-row' },
+      h('button', { type: 'button', class: 'btn primary', onclick: () => play(id, label) }, icon('play'), 'Play'),
+      h('button', { type: 'button', class: 'btn', onclick: () => queue(id, label) }, icon('queue'), 'Queue'),
+      h('button', { type: 'button', class: 'btn', onclick: () => chooseAndAdd(id, label) }, icon('list-add'), 'Add to playlist'),
+    ),
+  ];
+}
+
+function artistRow(a) {
+  return h(
+    'li',
+    { class: 'row' },
+    h('a', { class: 'row-main', href: `#/library/artist/${a.id}` }, rowText(a.artist)),
+    rowActions(a.id, a.artist),
+  );
+}
+
+function albumRow(a, artistName) {
+  const label = a.album ?? a.name;
+  return h(
+    'li',
+    { class: 'row' },
+    h(
+      'a',
+      { class: 'row-main', href: `#/library/album/${a.id}` },
+      cover(artUrl(a.id), 'thumb'),
+      rowText(label, a.artist && a.artist !== artistName ? a.artist : null),
+    ),
+    rowActions(a.id, label),
+  );
+}
+
+function trackRow(t, number) {
+  const label = t.track ?? t.name;
+  return h(
+    'li',
+    { class: 'row' },
+    h(
+      'button',
+      { type: 'button', class: 'row-main', 'aria-label': `Play ${label}`, onclick: () => play(t.id, label) },
+      number ? h('span', { class: 'num', text: String(number) }) : icon('note'),
+      rowText(label, t.artist ? `${t.artist} · ${t.album}` : null),
+    ),
+    rowActions(t.id, label, { withPlay: false }),
+  );
+}
+
+function failed(body) {
+  body.replaceChildren(note('The music server did not answer. Try again in a moment.'));
+}
+
+// A list that fetches itself a page at a time, with a "More" button while
+// full pages keep coming.
+async function pagedList(body, fetchPage, renderItem, emptyText, my) {
+  const ul = h('ul', { class: 'rows' });
+  const more = h('button', { type: 'button', class: 'btn more' }, 'More');
+  let offset = 0;
+  const load = async () => {
+    more.disabled = true;
+    const items = await fetchPage(offset);
+    if (my !== generation) return;
+    if (items === null) {
+      body.replaceChildren(note('This server cannot list the library yet.'));
+      return;
+    }
+    offset += items.length;
+    ul.append(...items.map(renderItem));
+    more.disabled = false;
+    more.hidden = items.length < PAGE;
+    if (!offset) body.replaceChildren(note(emptyText));
+  };
+  more.addEventListener('click', load);
+  body.replaceChildren(ul, more);
+  await load();
+}
+
+async function showArtists(body, my) {
+  crumbs([]);
+  await pagedList(body, (offset) => list('search', { albums: 0, tracks: 0, offset, count: PAGE, string: '' }), artistRow, 'The library is empty.', my);
+}
+
+async function showArtist(body, id, my) {
+  const [details, albums] = await Promise.all([call('artistDetails', { id }), list('listartist', { id })]);
+  if (my !== generation) return;
+  const name = details?.name ?? 'Artist';
+  crumbs([[name, `#/library/artist/${id}`]]);
+  const count = details?.albumcount;
+  body.replaceChildren(
+    ...header(name, h('p', { class: 'meta', text: count === undefined ? '' : `${count} album${count === 1 ? '' : 's'}` }), id, name),
+    albums?.length ? h('ul', { class: 'rows' }, albums.map((a) => albumRow(a, name))) : note('No albums.'),
+  );
+}
+
+async function showAlbum(body, id, my) {
+  const [details, tracks, parent] = await Promise.all([
+    call('albumDetails', { id }),
+    list('listalbum', { id }),
+    call('getParent', { id }).catch(() => undefined),
+  ]);
+  if (my !== generation) return;
+  const name = details?.name ?? 'Album';
+  const artistId = parent?.id;
+  crumbs([...(artistId ? [[details?.artist ?? 'Artist', `#/library/artist/${artistId}`]] : []), [name, `#/library/album/${id}`]]);
+  const by = details?.artist ? h('p', { class: 'meta' }, artistId ? h('a', { href: `#/library/artist/${artistId}`, text: details.artist }) : details.artist) : null;
+  body.replaceChildren(
+    ...header(name, by, id, name, cover(artUrl(id), 'large')),
+    tracks?.length ? h('ol', { class: 'rows tracks' }, tracks.map((t, i) => trackRow(t, i + 1))) : note('No tracks.'),
+  );
+}
+
+function searchSection(title) {
+  const ul = h('ul', { class: 'rows' });
+  const section = h('section', { class: 'results', hidden: true }, h('h2', { text: title }), ul);
+  return { section, ul };
+}
+
+async function showSearch(body, text, my) {
+  crumbs([[`Search “${text}”`, '#/library']]);
+  const artists = searchSection('Artists');
+  const albums = searchSection('Albums');
+  const tracks = searchSection('Tracks');
+  const more = h('button', { type: 'button', class: 'btn more', hidden: true }, 'More results');
+  const status = $('library-status');
+  let offset = 0;
+  const load = async () => {
+    more.disabled = true;
+    const items = await list('search', { artists: 1, albums: 1, tracks: 1, offset, count: PAGE, string: text });
+    if (my !== generation) return;
+    if (items === null) {
+      body.replaceChildren(note('This server cannot search yet.'));
+      return;
+    }
+    offset += items.length;
+    for (const item of items) {
+      if ('track' in item) tracks.ul.append(trackRow(item));
+      else if ('album' in item) albums.ul.append(albumRow(item));
+      else if ('artist' in item) artists.ul.append(artistRow(item));
+    }
+    for (const s of [artists, albums, tracks]) s.section.hidden = !s.ul.children.length;
+    more.hidden = items.length < PAGE;
+    more.disabled = false;
+    status.textContent = offset ? `${offset}${more.hidden ? '' : '+'} results` : 'Nothing found';
+    if (!offset) body.replaceChildren(note(`Nothing found for “${text}”.`));
+  };
+  more.addEventListener('click', load);
+  body.replaceChildren(artists.section, albums.section, tracks.section, more);
+  await load();
+}
+
+async function render() {
+  const my = ++generation;
+  const body = $('library-body');
+  body.setAttribute('aria-busy', 'true');
+  const text = $('search').value.trim();
+  try {
+    if (text) await showSearch(body, text, my);
+    else if (route.kind === 'artist') await showArtist(body, route.id, my);
+    else if (route.kind === 'album') await showAlbum(body, route.id, my);
+    else await showArtists(body, my);
+  } catch {
+    if (my === generation) failed(body);
+  } finally {
+    if (my === generation) body.removeAttribute('aria-busy');
+  }
+}
+
+export function init() {
+  const search = $('search');
+  const later = debounce(render, SEARCH_DELAY_MS);
+  search.addEventListener('input', later);
+  // Enter searches at once; Escape clears the search.
+  search.addEventListener('keydown', (e) => {
+    if (e.key === 'Enter') render();
+    if (e.key === 'Escape' && search.value) {
+      search.value = '';
+      render();
+    }
+  });
+  on('library-changed', () => {
+    if (!$('view-library').hidden) render();
+  });
+}
+
+// args: [] | ['artist', id] | ['album', id]
+export function show(args) {
+  const [kind, id] = args;
+  route = kind === 'artist' || kind === 'album' ? { kind, id: Number(id) } : { kind: 'artists' };
+  // Following a link leaves the search for the item it names.
+  if (kind) $('search').value = '';
+  render();
+}

@@ -1,0 +1,167 @@
+// The playing view: what plays, where it is in the track, the keys, volume,
+// tone and segue; and the strip that shows the same on every other view.
+import { act, artUrl, call } from './api.js';
+import { state, subscribe, pollNow, num } from './status.js';
+import { fmtTime } from './ui.js';
+
+const $ = (id) => document.getElementById(id);
+
+// While the user holds a control, the daemon's older value must not snap it
+// back; it follows the daemon again a moment after the last touch.
+const HOLD_MS = 1500;
+const touched = new Map();
+function touch(el) {
+  touched.set(el, performance.now());
+}
+function held(el) {
+  return document.activeElement === el && touched.has(el) && performance.now() - touched.get(el) < HOLD_MS;
+}
+function setValue(el, value) {
+  if (!held(el) && el.value !== String(value)) el.value = value;
+}
+
+// Sends the newest value at most every `ms` while a slider moves, and the
+// last one always.
+function throttled(send, ms) {
+  let last = 0;
+  let timer;
+  let pending;
+  const flush = () => {
+    last = performance.now();
+    timer = undefined;
+    send(pending);
+  };
+  return (value) => {
+    pending = value;
+    if (timer) return;
+    const wait = Math.max(0, last + ms - performance.now());
+    timer = setTimeout(flush, wait);
+  };
+}
+
+const hasTrack = (s) => s.track && s.track !== 'empty';
+
+function renderTimes(s) {
+  const seek = $('seek');
+  const duration = num('duration');
+  const known = duration > 0;
+  // Between replies the position moves on by itself while playing.
+  let into = num('timeIntoTrack');
+  if (s.playing === 1 && s.receivedAt) into += Math.floor((performance.now() - s.receivedAt) / 1000);
+  if (known) into = Math.min(duration, into);
+  seek.max = String(known ? duration : 0);
+  seek.disabled = !known;
+  if (!held(seek)) seek.value = String(into);
+  const shown = held(seek) ? Number(seek.value) : into;
+  $('elapsed').textContent = fmtTime(shown);
+  // A stream has no end to count down to.
+  $('remaining').textContent = known ? '-' + fmtTime(duration - shown) : '';
+  seek.setAttribute('aria-valuetext', known ? `${fmtTime(shown)} of ${fmtTime(duration)}` : fmtTime(shown));
+}
+
+let lastAlbum;
+function render(s) {
+  const playing = s.playing === 1 || s.playing === '1';
+  const title = hasTrack(s) ? s.track : 'Nothing to play';
+  $('now-track').textContent = title;
+  const artist = $('now-artist');
+  const album = $('now-album');
+  artist.textContent = hasTrack(s) ? s.artist : '';
+  album.textContent = hasTrack(s) ? s.album : '';
+  artist.href = s.artistid ? `#/library/artist/${s.artistid}` : '#/library';
+  album.href = s.albumid ? `#/library/album/${s.albumid}` : '#/library';
+  $('now-by').hidden = !hasTrack(s) || !s.artist;
+  const source = [s.source, s.playlist && s.playlist !== 'All Music' ? `playlist ${s.playlist}` : s.playlist].filter(Boolean);
+  $('now-source').textContent = source.join(' · ');
+
+  if (s.albumid && s.albumid !== lastAlbum) {
+    lastAlbum = s.albumid;
+    for (const img of [$('now-art'), $('strip-art')]) {
+      img.hidden = true;
+      img.src = artUrl(s.albumid);
+    }
+  }
+
+  for (const button of [$('btn-play'), $('strip-play')]) {
+    button.setAttribute('aria-label', playing ? 'Stop' : 'Play');
+    button.title = playing ? 'Stop' : 'Play';
+    button.querySelector('use').setAttribute('href', playing ? '#i-stop' : '#i-play');
+  }
+  document.body.classList.toggle('is-playing', playing);
+
+  if (s.full) renderTimes(s);
+  setValue($('volume'), num('volume'));
+  $('volume-out').textContent = held($('volume')) ? $('volume').value : String(num('volume'));
+  setValue($('bass'), num('bass'));
+  setValue($('treble'), num('treble'));
+  $('bass-out').textContent = signed($('bass').value);
+  $('treble-out').textContent = signed($('treble').value);
+  const segue = String(s.segue || '').toLowerCase();
+  if (!held($('segue')) && ['off', 'short', 'on'].includes(segue)) $('segue').value = segue;
+
+  $('strip-title').textContent = title;
+  $('strip-sub').textContent = hasTrack(s) ? s.artist : '';
+}
+
+const signed = (v) => (Number(v) > 0 ? '+' + v : String(v));
+
+async function key(command) {
+  await act(command);
+  pollNow(250);
+}
+
+export function init() {
+  // Without a cover the daemon answers text, which fails as an image.
+  for (const img of [$('now-art'), $('strip-art')]) {
+    img.addEventListener('load', () => (img.hidden = false));
+    img.addEventListener('error', () => (img.hidden = true));
+  }
+  subscribe(render);
+  // The position moves on every second even between slow replies.
+  setInterval(() => {
+    if (state.full && document.visibilityState === 'visible') renderTimes(state);
+  }, 1000);
+
+  $('btn-back').addEventListener('click', () => key('back'));
+  $('btn-next').addEventListener('click', () => key('next'));
+  $('btn-play').addEventListener('click', () => key('play'));
+  $('strip-play').addEventListener('click', () => key('play'));
+
+  const seek = $('seek');
+  seek.addEventListener('input', () => {
+    touch(seek);
+    $('elapsed').textContent = fmtTime(seek.value);
+    $('remaining').textContent = '-' + fmtTime(Number(seek.max) - Number(seek.value));
+  });
+  // The daemon seeks to a place in thousandths of the track's file.
+  seek.addEventListener('change', async () => {
+    touch(seek);
+    const duration = Number(seek.max);
+    if (!(duration > 0)) return;
+    await act('seek', { pos: Math.min(999, Math.round((Number(seek.value) * 1000) / duration)) });
+    pollNow(300);
+  });
+
+  const volume = $('volume');
+  const sendVolume = throttled((v) => act('vol' + v), 150);
+  volume.addEventListener('input', () => {
+    touch(volume);
+    $('volume-out').textContent = volume.value;
+    sendVolume(Number(volume.value));
+  });
+
+  const sendTone = throttled(() => act('setTone', { bass: Number($('bass').value), treble: Number($('treble').value) }), 150);
+  for (const id of ['bass', 'treble']) {
+    $(id).addEventListener('input', () => {
+      touch($(id));
+      $(id + '-out').textContent = signed($(id).value);
+      sendTone();
+    });
+  }
+
+  $('segue').addEventListener('change', async () => {
+    touch($('segue'));
+    await call('setSegue', { mode: $('segue').value }).catch(() => {});
+    pollNow();
+  });
+}

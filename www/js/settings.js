@@ -1,0 +1,166 @@
+// Settings: playback, library order, ripping, tone presets, logging, the
+// library rescan and the daemon's recent log.
+import { act, call } from './api.js';
+import { state, subscribe, pollNow } from './status.js';
+import { emit, h, toast } from './ui.js';
+
+const $ = (id) => document.getElementById(id);
+
+export const TONE_PRESETS = [
+  ['Flat', 0, 0],
+  ['Bass boost', 4, 0],
+  ['Warm', 2, -2],
+  ['Bright', 0, 3],
+  ['Loudness', 4, 3],
+  ['Speech', -3, 2],
+];
+
+// The status writes settings for people ("FLAC", "Short"); the commands take
+// the lower-case words.
+const lower = (v) => String(v ?? '').toLowerCase();
+
+// The status has no classical flag: show what this browser last chose.
+const CLASSICAL_KEY = 'kz.classical';
+
+const recent = new Map();
+function mark(el) {
+  recent.set(el, performance.now());
+}
+function fresh(el) {
+  return recent.has(el) && performance.now() - recent.get(el) < 3000;
+}
+
+function render(s) {
+  const set = (el, fn) => {
+    if (!fresh(el)) fn(el);
+  };
+  set($('set-compression'), (el) => {
+    const v = lower(s.compression);
+    if ([...el.options].some((o) => o.value === v)) el.value = v;
+  });
+  set($('set-segue'), (el) => {
+    const v = lower(s.segue);
+    if (['off', 'short', 'on'].includes(v)) el.value = v;
+  });
+  set($('set-logging'), (el) => {
+    const v = lower(s.logging);
+    if ([...el.options].some((o) => o.value === v)) el.value = v;
+  });
+  set($('set-random'), (el) => (el.checked = String(s.random) === '1'));
+  set($('set-sorted'), (el) => (el.checked = String(s.sorted) === '1'));
+  set($('set-reversed'), (el) => (el.checked = String(s.reversed) === '1'));
+  set($('set-classical'), (el) => {
+    el.checked = 'classical' in s ? String(s.classical) === '1' : localStorage.getItem(CLASSICAL_KEY) === '1';
+  });
+  const bass = Number(s.bass) || 0;
+  const treble = Number(s.treble) || 0;
+  $('tone-now').textContent = `Bass ${bass > 0 ? '+' : ''}${bass}, treble ${treble > 0 ? '+' : ''}${treble}`;
+  for (const b of $('tone-presets').querySelectorAll('button')) {
+    b.setAttribute('aria-pressed', String(Number(b.dataset.bass) === bass && Number(b.dataset.treble) === treble));
+  }
+}
+
+async function loadInfo() {
+  const [info, space] = await Promise.all([call('getWebInfo').catch(() => undefined), call('getSpace').catch(() => undefined)]);
+  const rows = [];
+  if (info) {
+    rows.push(['Artists', info.artists], ['Albums', info.albums], ['Tracks', info.tracks]);
+    const kinds = [['WAV', info.wavs], ['FLAC', info.flacs], ['MP3', info.mp3s], ['AAC', info.aacs]].filter(([, n]) => Number(n) > 0);
+    if (kinds.length) rows.push(['Files', kinds.map(([k, n]) => `${n} ${k}`).join(', ')]);
+    if (info.capacity) rows.push(['Disk', `${info.used} GB used of ${info.capacity} GB`]);
+  }
+  if (space && space.free) rows.push(['Free', `${(Number(space.free) / 1024 / 1024).toFixed(1)} GB`]);
+  if (info?.version) rows.push(['Version', info.version]);
+  $('library-info').replaceChildren(...rows.flatMap(([k, v]) => [h('dt', { text: k }), h('dd', { text: String(v) })]));
+}
+
+let follow = null;
+async function loadLog() {
+  let text;
+  try {
+    const res = await fetch('/api/getWebDebug', { cache: 'no-store' });
+    text = await res.text();
+  } catch {
+    text = 'The music server did not answer.';
+  }
+  const pre = $('debug-log');
+  const atEnd = pre.scrollTop + pre.clientHeight >= pre.scrollHeight - 20;
+  pre.textContent = text;
+  pre.hidden = false;
+  if (atEnd || !pre.dataset.shown) pre.scrollTop = pre.scrollHeight;
+  pre.dataset.shown = '1';
+}
+
+function setFollow(on) {
+  clearInterval(follow);
+  follow = on ? setInterval(() => !$('view-settings').hidden && document.visibilityState === 'visible' && loadLog(), 2000) : null;
+}
+
+export function init() {
+  subscribe((s) => {
+    if (!$('view-settings').hidden) render(s);
+  });
+
+  const change = (id, send) =>
+    $(id).addEventListener('change', async () => {
+      mark($(id));
+      const ok = await send($(id));
+      if (!ok) toast('The setting did not reach the music server');
+      pollNow();
+    });
+  change('set-compression', (el) => act('setCompression', { mode: el.value }));
+  change('set-segue', (el) => act('setSegue', { mode: el.value }));
+  change('set-logging', (el) => act('setLogging', { mode: el.value }));
+  change('set-random', (el) => act('setRandom', { random: el.checked ? 1 : 0 }));
+  change('set-classical', (el) => {
+    localStorage.setItem(CLASSICAL_KEY, el.checked ? '1' : '0');
+    return act('setClassical', { classical: el.checked ? 1 : 0 });
+  });
+  const order = async () => {
+    mark($('set-sorted'));
+    mark($('set-reversed'));
+    const ok = await act('setSorted', { sorted: $('set-sorted').checked ? 1 : 0, reversed: $('set-reversed').checked ? 1 : 0 });
+    emit('library-changed');
+    return ok;
+  };
+  change('set-sorted', order);
+  change('set-reversed', order);
+
+  $('tone-presets').replaceChildren(
+    ...TONE_PRESETS.map(([name, bass, treble]) =>
+      h('button', {
+        type: 'button',
+        class: 'btn',
+        'aria-pressed': 'false',
+        'data-bass': String(bass),
+        'data-treble': String(treble),
+        text: name,
+        onclick: async () => {
+          await act('setTone', { bass, treble });
+          pollNow();
+        },
+      }),
+    ),
+  );
+
+  $('rescan').addEventListener('click', async () => {
+    const button = $('rescan');
+    button.disabled = true;
+    const ok = await act('scanDisk');
+    toast(ok ? 'Rescanning the music folder' : 'The rescan did not start');
+    setTimeout(() => {
+      button.disabled = false;
+      loadInfo();
+      emit('library-changed');
+    }, 3000);
+  });
+
+  $('log-refresh').addEventListener('click', loadLog);
+  $('log-follow').addEventListener('change', (e) => setFollow(e.target.checked));
+}
+
+export function show() {
+  render(state);
+  loadInfo();
+  pollNow();
+}

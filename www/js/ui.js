@@ -1,0 +1,92 @@
+// Small DOM helpers shared by the views.
+
+// h('button', { class: 'x', onclick: f, 'aria-label': 'Play' }, child, 'text')
+export function h(tag, props = {}, ...children) {
+  const el = document.createElement(tag);
+  for (const [key, value] of Object.entries(props)) {
+    if (value === undefined || value === null || value === false) continue;
+    if (key.startsWith('on')) el.addEventListener(key.slice(2), value);
+    else if (key === 'class') el.className = value;
+    else if (key === 'text') el.textContent = value;
+    else if (key in el && typeof value !== 'string') el[key] = value;
+    else el.setAttribute(key, value === true ? '' : value);
+  }
+  for (const child of children.flat()) {
+    if (child !== undefined && child !== null && child !== false) el.append(child);
+  }
+  return el;
+}
+
+const SVG = 'http://www.w3.org/2000/svg';
+export function icon(name) {
+  const svg = document.createElementNS(SVG, 'svg');
+  svg.setAttribute('aria-hidden', 'true');
+  svg.setAttribute('class', 'icon');
+  const use = document.createElementNS(SVG, 'use');
+  use.setAttribute('href', '#i-' + name);
+  svg.append(use);
+  return svg;
+}
+
+export function iconButton(name, label, onclick, cls = '') {
+  return h('button', { type: 'button', class: 'icon-btn ' + cls, 'aria-label': label, title: label, onclick }, icon(name));
+}
+
+// A cover image over a placeholder: when the server has no art (it answers
+// text, not an image) the image hides and the placeholder shows.
+export function cover(src, cls = '') {
+  const img = h('img', { alt: '', loading: 'lazy', decoding: 'async' });
+  img.addEventListener('error', () => (img.hidden = true));
+  img.addEventListener('load', () => (img.hidden = false));
+  img.src = src;
+  return h('span', { class: 'art ' + cls }, icon('note'), img);
+}
+
+export function fmtTime(seconds) {
+  const s = Math.max(0, Math.floor(Number(seconds) || 0));
+  const m = Math.floor(s / 60);
+  const rest = String(s % 60).padStart(2, '0');
+  return m >= 60 ? `${Math.floor(m / 60)}:${String(m % 60).padStart(2, '0')}:${rest}` : `${m}:${rest}`;
+}
+
+export function fmtBytes(n) {
+  if (n < 1024 * 1024) return `${Math.round(n / 1024)} KB`;
+  if (n < 1024 * 1024 * 1024) return `${(n / 1024 / 1024).toFixed(1)} MB`;
+  return `${(n / 1024 / 1024 / 1024).toFixed(2)} GB`;
+}
+
+let toastTimer;
+export function toast(message) {
+  const el = document.getElementById('toast');
+  el.textContent = message;
+  el.classList.add('show');
+  clearTimeout(toastTimer);
+  toastTimer = setTimeout(() => el.classList.remove('show'), 3500);
+}
+
+export function debounce(fn, ms) {
+  let timer;
+  return (...args) => {
+    clearTimeout(timer);
+    timer = setTimeout(() => fn(...args), ms);
+  };
+}
+
+// Views announce library changes and hear about them here.
+export const bus = new EventTarget();
+export function emit(name, detail) {
+  bus.dispatchEvent(new CustomEvent(name, { detail }));
+}
+export function on(name, fn) {
+  bus.addEventListener(name, (e) => fn(e.detail));
+}
+
+// A message in place of a list, e.g. "Nothing found".
+export function note(text, cls = '') {
+  return h('p', { class: 'note ' + cls, text });
+}
+
+// A row's name with an optional line of detail under it.
+export function rowText(name, meta) {
+  return h('span', { class: 'text' }, h('span', { class: 'name', text: name }), meta ? h('span', { class: 'meta', text: meta }) : null);
+}
