@@ -183,6 +183,10 @@ void clearUSBDB() {
 
 void dirty() {
     lib().dirtybit = 1;
+    lib().generation++;
+}
+int libraryGeneration() {
+    return lib().generation;
 }
 bool isDirty() {
     return lib().dirtybit != 0;

@@ -97,6 +97,8 @@ class Library {
     int mirrorCount = 0;
     long kbUsed = 0;
     std::atomic<int> dirtybit{0};
+    // Counts every change, saved or not: the web pages reload on a new one.
+    std::atomic<int> generation{0};
     std::recursive_mutex dbMutex;
 };
 
@@ -112,6 +114,7 @@ void clearDB();
 void clearUSBDB();
 void dirty();
 bool isDirty();
+int libraryGeneration();
 void loadPreloadedMedia(int which);
 
 int getMaxTracks();

@@ -469,13 +469,20 @@ int reindexAlbum(const RipNames& names) {
         return 0;
     }
     std::string disc = computeDiscId(currentToc());
+    // The latest rip of this disc (a disc may have been ripped twice): the
+    // album whose discid file was written last.
     int album = -1;
-    for (int a = 0; a < getAlbumCount() && album < 0; a++) {
-        File f(fopen((getAlbumPath(a) + "/discid").c_str(), "r"));
+    time_t newest = 0;
+    for (int a = 0; a < getAlbumCount(); a++) {
+        std::string path = getAlbumPath(a) + "/discid";
+        File f(fopen(path.c_str(), "r"));
         char line[128] = "";
-        if (f && fgets(line, sizeof line, f.get())) {
-            line[strcspn(line, "\r\n")] = 0;
-            if (disc == line) album = a;
+        struct stat st;
+        if (!f || !fgets(line, sizeof line, f.get()) || fstat(fileno(f.get()), &st) != 0) continue;
+        line[strcspn(line, "\r\n")] = 0;
+        if (disc == line && (album < 0 || st.st_mtime >= newest)) {
+            album = a;
+            newest = st.st_mtime;
         }
     }
     if (album < 0) {

@@ -371,5 +371,10 @@ void webClientsRefresh() {
     forceWebRefresh = 1;
 }
 bool webRefreshRequested() {
-    return forceWebRefresh.exchange(0) != 0;
+    // A library change (a rip, an upload, a rename, a scan) since the last
+    // report asks the pages to reload their lists too.
+    static std::atomic<int> reported{0};
+    int now = libraryGeneration();
+    bool changed = reported.exchange(now) != now;
+    return (forceWebRefresh.exchange(0) != 0) || changed;
 }
