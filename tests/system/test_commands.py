@@ -132,6 +132,19 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
         assert api(base, f"deleteID&id={lists[1]['id']}") == b"[]"
         assert [p["name"] for p in japi(base, "listplaylists")] == ['Evening "Mix"']
 
+        # Upload a track, then play it: it is heard.
+        up = tmp_path / "01 Upload.mp3"
+        subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                        "sine=frequency=1320:duration=4", "-ac", "2", str(up)], check=True)
+        reply = subprocess.run(["curl", "-sS", "--max-time", "60", "-F", f"Sent=@{up}",
+                                base + "/api/upload&artist=Uploader"], check=True,
+                               capture_output=True).stdout
+        assert int(reply) > 0
+        sent = wait_until(lambda: japi(base, "search&artists=0&albums=0&string=upload"))
+        assert (sent[0]["artist"], sent[0]["album"]) == ("Uploader", "Sent")
+        api(base, f"playID&id={sent[0]['id']}")
+        wait_until(lambda: heard(1320) > 20, timeout=30)
+
         # Cover art comes back as the file; an album without one is "[]".
         assert api(base, f"getAlbumArt&id={albums[0]['id']}") == cover
         assert api(base, f"getAlbumArt&id={found[0]['id']}") == b"[]"
