@@ -827,8 +827,13 @@ void webvCache(const Request& r) {
 void webEqualiser(const Request& r) {
     setGenericFromWord(r, "equaliser");
 }
+// The status has no classical flag, so this also answers what it is now:
+// without a value it only reports.
 void webSetClassical(const Request& r) {
-    setGenericFromWord(r, "Classical");
+    std::string w = settingWord(r);
+    int row = findSettingRow("Classical");
+    if (!w.empty() && w[0] >= '0' && w[0] <= '9') setSettingValue(row, toInt(w.c_str()));
+    r.reply->text = isClassical() ? "{\"classical\":1}" : "{\"classical\":0}";
 }
 
 // Guest mode keeps one playlist playing: "&guest=1&playlist=N".

@@ -296,13 +296,16 @@ describe('web pages', () => {
     await page.getByRole('button', { name: 'Show the log' }).click();
     await page.locator('#debug-log', { hasText: 'Waiting for incoming connections on socket' }).waitFor();
 
-    // A page opened afresh shows the settings as the daemon holds them.
+    // A page opened afresh shows the settings as the daemon holds them,
+    // also the classical flag set elsewhere, which the status does not carry.
+    assert.deepEqual(await stack.api('setClassical&classical=1'), { classical: 1 });
     const fresh = await newPage(DESKTOP);
     await fresh.goto(`${stack.base}/#/settings`);
     await fresh.locator('#tone-now', { hasText: 'Bass +4' }).waitFor();
     assert.equal(await fresh.locator('#set-compression').inputValue(), 'mp3 256k');
     assert.equal(await fresh.getByLabel('Reversed').isChecked(), true);
     assert.equal(await fresh.getByLabel('Random order').isChecked(), false);
+    await until(async () => fresh.locator('#set-classical').isChecked(), 'classical shown as set');
     await fresh.close();
   });
 

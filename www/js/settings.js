@@ -19,7 +19,8 @@ export const TONE_PRESETS = [
 // the lower-case words.
 const lower = (v) => String(v ?? '').toLowerCase();
 
-// The status has no classical flag: show what this browser last chose.
+// The status has no classical flag: "setClassical" without a value reports
+// it; until it has answered, show what this browser last chose.
 const CLASSICAL_KEY = 'kz.classical';
 
 const recent = new Map();
@@ -58,6 +59,14 @@ function render(s) {
   for (const b of $('tone-presets').querySelectorAll('button')) {
     b.setAttribute('aria-pressed', String(Number(b.dataset.bass) === bass && Number(b.dataset.treble) === treble));
   }
+}
+
+async function loadClassical() {
+  const reply = await call('setClassical').catch(() => undefined);
+  if (!reply || !('classical' in reply)) return;
+  localStorage.setItem(CLASSICAL_KEY, String(reply.classical));
+  const el = $('set-classical');
+  if (!fresh(el)) el.checked = reply.classical === 1;
 }
 
 async function loadInfo() {
@@ -162,5 +171,6 @@ export function init() {
 export function show() {
   render(state);
   loadInfo();
+  loadClassical();
   pollNow();
 }
