@@ -16,6 +16,7 @@
 #include "library/database.h"
 #include "library/edit.h"
 #include "library/library.h"
+#include "library/names.h"
 #include "library/scan.h"
 #include "library/sorting.h"
 #include "ripping/cdrom.h"
@@ -500,6 +501,20 @@ int reindexAlbum(const RipNames& names) {
     std::string artist = names.artist.empty() ? "" : cleanRipName(names.artist);
     if (!artist.empty() && artist != getArtistName(getAlbumArtist(album))) {
         moveAlbumToArtist(album, artist.c_str());
+    }
+    // The names inside the files follow, for players that read them there.
+    for (int t : albumTrackOrder(album)) {
+        int number = getTrackOrder(t);
+        std::string path = getTrackPath(t);
+        if (!endsWithExtension(path.c_str(), ".wav")) continue;
+        const char* title = number >= 1 && number <= static_cast<int>(names.tracks.size()) &&
+                                    !names.tracks[number - 1].empty()
+                                ? names.tracks[number - 1].c_str()
+                                : nullptr;
+        if (!WavRewriteNames(path.c_str(), names.artist.empty() ? nullptr : names.artist.c_str(),
+                             names.album.empty() ? nullptr : names.album.c_str(), title)) {
+            kzLog("reindex () cannot rewrite the names in %s\n", path.c_str());
+        }
     }
     saveDBifChanged();
     return 1;

@@ -4,8 +4,11 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <memory>
 #include <vector>
 
+#include "core/files.h"
 #include "core/log.h"
 
 namespace {
@@ -410,6 +413,46 @@ int WavFileSeconds(const char* path) {
     long long bytes = wav.dataSize;
     if (bytes == 0 || bytes > there) bytes = there;
     return bytes > 0 ? static_cast<int>(bytes / byteRate) : 0;
+}
+
+int WavRewriteNames(const char* path, const char* artist, const char* album, const char* track) {
+    File in(fopen(path, "rbe"));
+    if (!in) return 0;
+    std::vector<uint8_t> head(65536);
+    size_t got = fread(head.data(), 1, head.size(), in.get());
+    WavFileInfo wav;
+    std::unique_ptr<WavListInfo, void (*)(WavListInfo*)> info(WavListInfoCreate(),
+                                                              WavListInfoDestroy);
+    if (!WavReadChunks(head.data(), got, &wav, info.get())) return 0;
+    struct stat st;
+    if (fstat(fileno(in.get()), &st) != 0) return 0;
+    // The audio as it really is: a short rip holds less than it claims.
+    long long there = static_cast<long long>(st.st_size) - wav.dataOffset;
+    uint32_t data =
+        wav.dataSize == 0 || wav.dataSize > there ? static_cast<uint32_t>(there) : wav.dataSize;
+    if (artist) WavListInfoSetArtistName(info.get(), artist, strlen(artist));
+    if (album) WavListInfoSetAlbumName(info.get(), album, strlen(album));
+    if (track) WavListInfoSetTrackName(info.get(), track, strlen(track));
+    std::string list = WavListInfoBuild(info.get());
+    uint32_t riff = static_cast<uint32_t>(4 + list.size() + 24 + 8 + data);
+    // The new file replaces the old only once it is whole.
+    bool ok = writeFileAtomically(path, [&](FILE* out) {
+        if (!WavWriteWavHeader(riff, out) ||
+            fwrite(list.data(), 1, list.size(), out) != list.size() ||
+            !WavFmtWrite(&wav.fmt, out) || !WavWriteDataChunkHeader(data, out) ||
+            fseek(in.get(), wav.dataOffset, SEEK_SET) != 0) {
+            return false;
+        }
+        std::vector<char> block(1 << 16);
+        uint32_t left = data;
+        while (left > 0) {
+            size_t n = fread(block.data(), 1, std::min<size_t>(left, block.size()), in.get());
+            if (n == 0 || fwrite(block.data(), 1, n, out) != n) return false;
+            left -= static_cast<uint32_t>(n);
+        }
+        return true;
+    });
+    return ok ? 1 : 0;
 }
 
 void WavFmtPrint(const WavFmt* fmt) {

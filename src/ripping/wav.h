@@ -126,6 +126,11 @@ struct WavFileInfo {
 };
 int WavReadChunks(const uint8_t* buf, size_t len, WavFileInfo* out, WavListInfo* info);
 
+// Puts new names (null: keep the old) into a WAV file's LIST/INFO chunk,
+// keeping its other texts, format and audio; the file is rewritten through a
+// temporary file, so it is never left half written. 1 when done.
+int WavRewriteNames(const char* path, const char* artist, const char* album, const char* track);
+
 // Whole seconds of audio in a WAV file: the data chunk's bytes over the byte
 // rate, the bytes being those really in the file when the chunk claims more
 // (a short rip) or nothing (an interrupted one). -1 when the file is not a

@@ -139,7 +139,13 @@ void startFromRipMetadata(bool newRip) {
         ripUserChoice = -1;
         startRip();
     } else {
-        reindexAlbum(names);
+        // Rewriting every track's file takes a while: not on the listener,
+        // which the pages keep polling.
+        try {
+            std::thread([names] { reindexAlbum(names); }).detach();
+        } catch (const std::system_error&) {
+            kzLog("reindex failed to create its thread\n");
+        }
     }
 }
 

@@ -113,7 +113,11 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
         # Renamed afterwards from the same disc.
         fixed = "artist=Disc Artist\nalbum=Better Name\ntrack=Track One\n"
         assert api(base, "reindex", fixed.encode()) == b'"OK"'
-        wait_until(lambda: (music / "Disc Artist" / "Better Name" / "01 Track One.wav").exists())
+        renamed = music / "Disc Artist" / "Better Name" / "01 Track One.wav"
+        wait_until(lambda: renamed.exists())
+        # The names inside the file follow.
+        wait_until(lambda: b"Better Name" in renamed.read_bytes()[:4096])
+        assert b"Track One" in renamed.read_bytes()[:4096]
 
         assert d.stop() == 0
         settings = (root / "media" / "hdd1" / "kzsettings").read_text()

@@ -160,6 +160,53 @@ TEST_F(WavTest, SecondsComeFromTheAudioReallyThere) {
     EXPECT_EQ(WavFileSeconds("/nonexistent/x.wav"), -1);
 }
 
+TEST_F(WavTest, RewritingNamesKeepsTheOtherTextsAndTheAudio) {
+    Owned r;
+    fillCdFormat(r.fmt);
+    WavListInfoSetArtistName(r.info, "Old Artist", 10);
+    WavListInfoSetTrackName(r.info, "Old", 3);
+    WavListInfoSetYear(r.info, "1999", 4);
+    std::string audio;
+    for (int i = 0; i < 70001; i++)
+        audio += static_cast<char>(i * 7);
+    std::string before = writeFile(path, r, audio.substr(0, 70000));
+    ASSERT_EQ(WavRewriteNames(path.c_str(), "New \"Artist\"", "An Album", nullptr), 1);
+    std::stringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    std::string after = s.str();
+    WavFileInfo wav;
+    Owned got;
+    ASSERT_EQ(readChunks(after, after.size(), &wav, got.info), 1);
+    EXPECT_STREQ(WavListInfoGetArtistName(got.info), "New \"Artist\"");
+    EXPECT_STREQ(WavListInfoGetAlbumName(got.info), "An Album");
+    EXPECT_STREQ(WavListInfoGetTrackName(got.info), "Old");
+    EXPECT_STREQ(WavListInfoGetYear(got.info), "1999");
+    EXPECT_EQ(after.substr(wav.dataOffset), audio.substr(0, 70000));
+    EXPECT_EQ(wav.dataSize, 70000u);
+    // The RIFF size counts everything after its own field.
+    uint32_t riff = static_cast<uint8_t>(after[4]) | static_cast<uint8_t>(after[5]) << 8 |
+                    static_cast<uint8_t>(after[6]) << 16 |
+                    static_cast<uint32_t>(static_cast<uint8_t>(after[7])) << 24;
+    EXPECT_EQ(riff, after.size() - 8);
+
+    // A rip cut short: the audio that is there, with sizes that say so.
+    std::ofstream(path, std::ios::binary) << before.substr(0, before.size() - 30000);
+    ASSERT_EQ(WavRewriteNames(path.c_str(), nullptr, nullptr, "Track"), 1);
+    std::stringstream t;
+    t << std::ifstream(path, std::ios::binary).rdbuf();
+    after = t.str();
+    ASSERT_EQ(readChunks(after, after.size(), &wav, nullptr), 1);
+    EXPECT_EQ(wav.dataSize, 40000u);
+    EXPECT_EQ(after.substr(wav.dataOffset), audio.substr(0, 40000));
+
+    // Not a WAV file: refused and left as it was.
+    std::ofstream(path, std::ios::binary) << "ID3 not a wave";
+    EXPECT_EQ(WavRewriteNames(path.c_str(), "A", "B", "C"), 0);
+    std::stringstream u;
+    u << std::ifstream(path, std::ios::binary).rdbuf();
+    EXPECT_EQ(u.str(), "ID3 not a wave");
+}
+
 TEST_F(WavTest, DamagedBuffersNeverReadOutOfBounds) {
     Owned r;
     fillCdFormat(r.fmt);
