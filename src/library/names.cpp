@@ -7,8 +7,14 @@
 
 const char* findNoCase(const char* hay, const char* needle) {
     size_t n = strlen(needle);
+    if (n == 0) return hay;
+    // Only positions that start with the needle's first letter (either case)
+    // are compared whole: a search runs this over every name there is.
+    char first = needle[0];
+    char lower = first >= 'A' && first <= 'Z' ? static_cast<char>(first - 'A' + 'a') : first;
+    char upper = first >= 'a' && first <= 'z' ? static_cast<char>(first - 'a' + 'A') : first;
     for (const char* p = hay; *p; p++) {
-        if (strncasecmp(p, needle, n) == 0) return p;
+        if ((*p == lower || *p == upper) && strncasecmp(p, needle, n) == 0) return p;
     }
     return nullptr;
 }
