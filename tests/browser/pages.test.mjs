@@ -237,8 +237,12 @@ describe('web pages', () => {
 
   it('makes, fills, reorders and plays playlists and the queue', async () => {
     await tab('Playlists').click();
-    await page.getByLabel('New playlist').fill('Road Trip');
+    await page.getByLabel('New playlist').fill('Roadtrip');
     await page.getByRole('button', { name: 'Create' }).click();
+    await page.locator('#playlists-h', { hasText: 'Roadtrip' }).waitFor();
+    await page.getByRole('button', { name: 'Rename' }).click();
+    await page.getByLabel('New name').fill('Road Trip');
+    await page.getByRole('button', { name: 'Rename' }).click();
     await page.locator('#playlists-h', { hasText: 'Road Trip' }).waitFor();
     // Two tracks in through the chooser of the library.
     for (const [album, track] of [['Blocky', 'Edges'], ['Blocky', 'Harmonics']]) {

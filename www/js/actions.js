@@ -1,7 +1,7 @@
 // What every list offers on its items: play, add to the queue, add to a playlist.
 import { call, list } from './api.js';
 import { pollNow } from './status.js';
-import { h, icon, iconButton, rowText, toast, emit } from './ui.js';
+import { h, icon, iconButton, nameForm, rowText, toast, emit } from './ui.js';
 
 export async function play(id, label) {
   try {
@@ -66,22 +66,16 @@ export async function chooseAndAdd(id, label) {
     body.replaceChildren(h('p', { class: 'note', text: 'This server has no playlists yet.' }));
     return;
   }
-  const input = h('input', { id: 'add-new-name', type: 'text', required: true, maxlength: 100, autocomplete: 'off' });
-  const form = h(
-    'form',
+  const { form, input } = nameForm(
     {
-      class: 'inline-form',
-      onsubmit: async (e) => {
-        e.preventDefault();
-        const name = input.value.trim();
-        if (!name) return;
+      id: 'add-new-name',
+      label: 'New playlist',
+      onName: async (name) => {
         const made = await call('newPlaylist', { name }).catch(() => undefined);
         if (made && made.id) await done(made.id, name);
         else toast('Could not make the playlist');
       },
     },
-    h('label', { for: 'add-new-name', text: 'New playlist' }),
-    input,
     h('button', { type: 'submit', class: 'btn' }, icon('plus'), 'Create and add'),
   );
   const items = playlists.map((p) =>

@@ -3,7 +3,7 @@
 import { call, list, kindOf } from './api.js';
 import { play } from './actions.js';
 import { pollNow } from './status.js';
-import { h, icon, iconButton, note, on, rowText, toast } from './ui.js';
+import { h, icon, iconButton, nameForm, note, on, rowText, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 const QUEUE = 'Queue';
@@ -39,21 +39,17 @@ async function reorder(playlistId, item, from, to) {
 }
 
 function renameForm(playlist, after) {
-  const input = h('input', { type: 'text', value: playlist.name, required: true, maxlength: 100, 'aria-label': 'New name' });
-  const form = h(
-    'form',
+  const { form, input } = nameForm(
     {
-      class: 'inline-form',
-      onsubmit: async (e) => {
-        e.preventDefault();
-        const name = input.value.trim();
-        if (!name) return;
+      label: 'New name',
+      visibleLabel: false,
+      value: playlist.name,
+      onName: async (name) => {
         const ok = (await call('renameID', { id: playlist.id, name }).catch(() => undefined)) !== undefined;
         toast(ok ? `Renamed to ${name}` : 'Could not rename the playlist');
         after();
       },
     },
-    input,
     h('button', { type: 'submit', class: 'btn primary', text: 'Rename' }),
     h('button', { type: 'button', class: 'btn', text: 'Cancel', onclick: after }),
   );
@@ -78,15 +74,11 @@ async function showList(body, my) {
   }
   // The queue first, then the rest in the daemon's order.
   playlists.sort((a, b) => (b.name === QUEUE) - (a.name === QUEUE));
-  const input = h('input', { id: 'new-playlist', type: 'text', required: true, maxlength: 100, autocomplete: 'off' });
-  const form = h(
-    'form',
+  const { form } = nameForm(
     {
-      class: 'inline-form',
-      onsubmit: async (e) => {
-        e.preventDefault();
-        const name = input.value.trim();
-        if (!name) return;
+      id: 'new-playlist',
+      label: 'New playlist',
+      onName: async (name) => {
         const made = await call('newPlaylist', { name }).catch(() => undefined);
         if (made?.id) {
           toast(`Made ${name}`);
@@ -94,8 +86,6 @@ async function showList(body, my) {
         } else toast('Could not make the playlist');
       },
     },
-    h('label', { for: 'new-playlist', text: 'New playlist' }),
-    input,
     h('button', { type: 'submit', class: 'btn primary' }, icon('plus'), 'Create'),
   );
   const rows = playlists.map((p) =>

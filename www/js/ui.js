@@ -28,6 +28,35 @@ export function icon(name) {
   return svg;
 }
 
+// A one-line form for a name. onName gets the trimmed text, never an empty
+// one; label is either a visible label (with an id) or the field's own name.
+export function nameForm({ id, label, visibleLabel = true, value, onName }, ...buttons) {
+  const input = h('input', {
+    id,
+    type: 'text',
+    value,
+    required: true,
+    maxlength: 100,
+    autocomplete: 'off',
+    'aria-label': visibleLabel ? undefined : label,
+  });
+  const form = h(
+    'form',
+    {
+      class: 'inline-form',
+      onsubmit: async (e) => {
+        e.preventDefault();
+        const name = input.value.trim();
+        if (name) await onName(name);
+      },
+    },
+    visibleLabel && h('label', { for: id, text: label }),
+    input,
+    ...buttons,
+  );
+  return { form, input };
+}
+
 export function iconButton(name, label, onclick, cls = '') {
   return h('button', { type: 'button', class: 'icon-btn ' + cls, 'aria-label': label, title: label, onclick }, icon(name));
 }
