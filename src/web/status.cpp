@@ -53,6 +53,16 @@ const char* sourceName(int source) {
     }
 }
 
+// The playlist that plays, or the whole library.
+void addPlaylist(std::string& out) {
+    int playlist = getPlayingPlaylist();
+    if (playlist >= 0) {
+        addText(out, "playlist", getPlaylistName(playlist).c_str());
+    } else {
+        out += ",\"playlist\":\"All Music\"";
+    }
+}
+
 // While a rip runs the disc's status is its progress: "Ripping 3/12 45% 8x".
 std::string ripStatusText() {
     RipProgress p = getCDProgress();
@@ -124,12 +134,7 @@ std::string getWebStatusCore(bool full) {
             add(out, ",\"timeLeft\":\"%d\"", getTimeLeft());
             add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
         }
-        int playlist = getPlayingPlaylist();
-        if (playlist >= 0) {
-            addText(out, "playlist", getPlaylistName(playlist).c_str());
-        } else {
-            out += ",\"playlist\":\"All Music\"";
-        }
+        addPlaylist(out);
     } else if (idIsUSBTrack(id) && u >= 0 && u < getUSBTrackcount()) {
         int a = getUSBParentAlbum(u);
         int r = getUSBParentArtist(a);
@@ -144,12 +149,7 @@ std::string getWebStatusCore(bool full) {
             add(out, ",\"duration\":\"%d\"", getDuration());
             add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
         }
-        int playlist = getPlayingPlaylist();
-        if (playlist >= 0) {
-            addText(out, "playlist", getPlaylistName(playlist).c_str());
-        } else {
-            out += ",\"playlist\":\"All Music\"";
-        }
+        addPlaylist(out);
     } else if (selected == SEL_WEB) {
         addText(out, "track", getWebTitle().c_str());
     } else {

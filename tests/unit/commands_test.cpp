@@ -28,6 +28,7 @@
 #include "tests/unit/hostile_library.h"
 #include "tests/unit/json_check.h"
 #include "tests/unit/libfixture.h"
+#include "tests/unit/process_root.h"
 #include "web/web.h"
 
 namespace {
@@ -37,20 +38,6 @@ using json_check::claimsJson;
 using json_check::isJson;
 
 const char* const kThanks = "thanks\n";
-
-// The web listener and the decoder slots live as long as the process, so
-// their host root does too; each test has a library root of its own.
-const std::string& processRoot() {
-    static std::string root = [] {
-        fs::path p = fs::temp_directory_path() / ("kz-commands-" + std::to_string(getpid()));
-        fs::create_directories(p);
-        return p.string();
-    }();
-    static struct Cleanup {
-        ~Cleanup() { fs::remove_all(root); }
-    } cleanup;
-    return root;
-}
 
 class CommandsTest : public LibraryFixture {
   protected:

@@ -24,6 +24,7 @@
 #include "playback/ffwd.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
+#include "tests/unit/process_root.h"
 
 extern char** environ;
 
@@ -33,15 +34,7 @@ namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 
 inline const std::string& testRoot() {
-    static std::string root = [] {
-        fs::path p = fs::temp_directory_path() / ("kz-pipe-" + std::to_string(getpid()));
-        fs::create_directories(p);
-        return p.string();
-    }();
-    static struct Cleanup {
-        ~Cleanup() { fs::remove_all(root); }
-    } cleanup;
-    return root;
+    return processRoot();
 }
 
 class DecoderTest : public ::testing::Test {
