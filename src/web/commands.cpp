@@ -830,9 +830,7 @@ void webEqualiser(const Request& r) {
 // The status has no classical flag, so this also answers what it is now:
 // without a value it only reports.
 void webSetClassical(const Request& r) {
-    std::string w = settingWord(r);
-    int row = findSettingRow("Classical");
-    if (!w.empty() && w[0] >= '0' && w[0] <= '9') setSettingValue(row, toInt(w.c_str()));
+    setGenericFromWord(r, "Classical");
     r.reply->text = isClassical() ? "{\"classical\":1}" : "{\"classical\":0}";
 }
 
