@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 
 namespace {
 
@@ -37,6 +39,17 @@ int emptyFolder(int dirFd) {
     return result;
 }
 
+// One writer at a time per file: saves from the web thread, the background
+// saver and quit would otherwise share one temporary file, and one could
+// empty it while another renames it. Serializing also keeps the newest
+// content last, since each writer takes its snapshot inside the lock.
+std::mutex& writerLock(const std::string& path) {
+    static std::mutex mapLock;
+    static auto* locks = new std::map<std::string, std::mutex>();
+    std::lock_guard<std::mutex> g(mapLock);
+    return (*locks)[path];
+}
+
 }  // namespace
 
 int removeFile(const std::string& path) {
@@ -64,6 +77,7 @@ bool fileExists(const std::string& path) {
 }
 
 bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*)>& write) {
+    std::lock_guard<std::mutex> serial(writerLock(path));
     std::string temp = path + ".new";
     int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     File f(fd >= 0 ? fdopen(fd, "w") : nullptr);

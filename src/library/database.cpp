@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -19,6 +20,8 @@
 namespace {
 
 constexpr int kLineSize = 250;
+
+std::atomic<int> rebuilds{0};
 
 // One album block; false when its track count is missing.
 // The end of the file ends the read: a truncated file adds no phantom
@@ -38,6 +41,7 @@ bool readAlbum(FILE* f, char* line) {
         albumName = slash + 1;
     }
     int artist = addArtistToDb(artistName);
+    if (artist < 0) return false;
     // The album's name must outlive the line buffer: the heap copy does.
     std::string album = albumName;
 
@@ -49,7 +53,8 @@ bool readAlbum(FILE* f, char* line) {
         return false;
     }
     int a = appendAlbumToDb(album.c_str(), artist);
-    for (int i = 0; i < count && getTrackCount() < getMaxTracks(); i++) {
+    if (a < 0) return false;
+    for (int i = 0; i < count && getTrackCount() < getMaxTracks() && !heapFullCode(); i++) {
         if (atEnd(dbGetLine(f, line, kLineSize), line)) break;
         appendTrackToDb(line, a);
     }
@@ -151,9 +156,23 @@ int readDB() {
     return 1;
 }
 
+void beginLibraryRebuild() {
+    rebuilds++;
+}
+void endLibraryRebuild() {
+    if (rebuilds > 0) rebuilds--;
+}
+bool libraryRebuilding() {
+    return rebuilds > 0;
+}
+
 int writeDB() {
     kzLog("writeDB ()\n");
     std::string path = getDBPath();
+    if (libraryRebuilding()) {
+        kzLog("writeDB () refused: the library is still loading or scanning\n");
+        return 0;
+    }
     if (getLocalPath().empty()) {
         kzLog("Failed to create file: %s\n", path.c_str());
         return 0;
@@ -200,11 +219,20 @@ bool postWriteDB() {
 
 void loadOrScan() {
     clearDB();
+    clearHeapFull();
     kzLog("loadOrScan 1\n");
+    bool scanned = false;
     if (!readDB()) {
         scanDB();
-        writeDB();
+        scanned = true;
     }
+    if (int code = heapFullCode()) {
+        // The tables hold part of the library: stop here, holding no lock,
+        // and leave kzdb as it is for the next start.
+        exception(code);
+    }
+    endLibraryRebuild();
+    if (scanned) writeDB();
     rebuildShuffle();
     sortAlbumsAndArtists();
     loadPlaylists();
@@ -215,11 +243,13 @@ void loadOrScan() {
 
 int startLoadOrScan() {
     scanLocalEnabled = 1;
+    beginLibraryRebuild();
     try {
         std::thread(loadOrScan).detach();
     } catch (const std::system_error&) {
         kzLog("startScanLocal failed to create scanLocalThread\n");
         scanLocalEnabled = 0;
+        endLibraryRebuild();
         return 0;
     }
     return 1;

@@ -15,8 +15,15 @@ int dbGetLine(FILE* f, char* buffer, int size);
 std::string getDBPath();
 // 1 when the file was found, whatever it held; 0 when it cannot be opened.
 int readDB();
-// 1 when written; 0 when it could not be (the change flag then stays set).
+// 1 when written; 0 when it could not be (the change flag then stays set),
+// and 0 while the library is being rebuilt: the tables then hold only part of
+// the music, and writing them would replace a whole kzdb with that part.
 int writeDB();
+// Brackets a rebuild of the tables (load-or-scan, a full rescan). Until the
+// rebuild finishes no save may replace kzdb or kzplaylists.
+void beginLibraryRebuild();
+void endLibraryRebuild();
+bool libraryRebuilding();
 void saveDBifChanged();
 // Saves on a thread of its own; true when the thread was started.
 bool postWriteDB();

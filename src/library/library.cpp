@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "core/log.h"
@@ -399,6 +400,29 @@ void exception(int code) {
         sleep(1);
 }
 
+namespace {
+std::atomic<int> fullHeap{0};
+}
+
+int heapFullCode() {
+    return fullHeap;
+}
+
+void clearHeapFull() {
+    fullHeap = 0;
+}
+
+int heapOverflow(int code) {
+    // Parking here would keep dbMutex held for good (the caller holds it),
+    // freezing the web listener and quit: the insertion fails instead, and
+    // the loader stops and parks once it has let go of every lock.
+    if (fullHeap.exchange(code) == 0) {
+        kzLog("Name heap full (code %d): no more names fit in the library\n", code);
+        alert(("Code " + std::to_string(code)).c_str(), 100000);
+    }
+    return -1;
+}
+
 int addArtistToDb(const char* name) {
     Catalogue& c = L();
     if (c.artistcount == c.maxArtists) return 0;
@@ -406,7 +430,7 @@ int addArtistToDb(const char* name) {
     int existing = findArtist(c, name);
     if (existing >= 0) return existing;
     const char* copy = c.artistHeap.add(name);
-    if (!copy) exception(3);
+    if (!copy) return heapOverflow(3);
     int r = c.artistcount;
     c.artist[r] = copy;
     lib().artistClass[r] = getClassFromName(name);
@@ -423,10 +447,7 @@ namespace {
 int appendAlbum(Catalogue& c, const char* name, int artist, bool local) {
     std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
     const char* copy = c.albumHeap.add(name);
-    if (!copy) {
-        if (local) exception(2);
-        return -1;
-    }
+    if (!copy) return local ? heapOverflow(2) : -1;
     int a = c.albumcount;
     c.album[a] = copy;
     c.parentArtist[a] = artist;
@@ -439,10 +460,7 @@ int appendAlbum(Catalogue& c, const char* name, int artist, bool local) {
 int appendTrack(Catalogue& c, const char* name, int album, bool local) {
     std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
     const char* copy = c.trackHeap.add(name);
-    if (!copy) {
-        if (local) exception(1);
-        return -1;
-    }
+    if (!copy) return local ? heapOverflow(1) : -1;
     int t = c.trackcount;
     c.track[t] = copy;
     c.parentAlbum[t] = album;

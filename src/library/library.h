@@ -190,6 +190,11 @@ int addTrackToUSBDb(const char* name, int album);
 // Shows "Code <code>", logs the heaps and the track count, and parks the
 // calling thread for good: the library is full and nothing may be saved.
 [[noreturn]] void exception(int code);
+// A local name heap that filled: records code, shows it once and returns -1.
+int heapOverflow(int code);
+// The code of the heap that filled (1 tracks, 2 albums, 3 artists), or 0.
+int heapFullCode();
+void clearHeapFull();
 
 void removeTrack(int t);
 void removeAlbum(int a);

@@ -48,6 +48,27 @@ bool entryIsFolder(DIR* d, const dirent* e) {
     return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
 }
 
+// kzdb keeps one name a line and at most 249 bytes of it ("artist/album"
+// counts as one line): a name with a line feed, or one that a reload would
+// cut, would shift or lose every album after it on the next start.
+constexpr size_t kLongestKeptLine = 249;
+
+bool storableName(const char* name, size_t prefix) {
+    bool control = false;
+    for (const char* p = name; *p; p++) {
+        if (static_cast<unsigned char>(*p) < 0x20 || *p == 0x7f) control = true;
+    }
+    size_t length = prefix + strlen(name);
+    if (!control && length <= kLongestKeptLine) return true;
+    std::string shown(name);
+    for (char& c : shown) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    kzLog("Skipping \"%s\": %s\n", shown.c_str(),
+          control ? "control characters in the name" : "name too long for kzdb");
+    return false;
+}
+
 long long entrySize(DIR* d, const char* name) {
     struct stat st;
     return fstatat(dirfd(d), name, &st, 0) == 0 ? st.st_size : 0;
@@ -129,6 +150,7 @@ int startScanLocal() {
 
 void scanLocal() {
     scanDB();
+    endLibraryRebuild();
     writeDB();
     loadPlaylists();
     saveSettings();
@@ -143,10 +165,10 @@ void scanDB() {
     const std::string root = getLocalPath();
     Dir d(opendir(getMusicDirectory().c_str()));
     if (d) {
-        while (scanLocalEnabled) {
+        while (scanLocalEnabled && !heapFullCode()) {
             dirent* e = readdir(d.get());
             if (!e) break;
-            if (isDots(e->d_name)) continue;
+            if (isDots(e->d_name) || !storableName(e->d_name, 0)) continue;
             scanLocalArtist(root, e->d_name);
         }
     }
@@ -161,8 +183,9 @@ void scanLocalArtist(const std::string& root, const char* artist) {
     Dir d(opendir((root + "/music/" + artist).c_str()));
     if (!d) return;
     int r = addArtistToDb(artist);
+    if (r < 0) return;
     while (dirent* e = readdir(d.get())) {
-        if (isDots(e->d_name)) continue;
+        if (isDots(e->d_name) || !storableName(e->d_name, strlen(artist) + 1)) continue;
         scanLocalAlbum(root, e->d_name, r);
     }
 }
@@ -177,10 +200,14 @@ void scanLocalAlbum(const std::string& root, const char* album, int artist) {
     std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
     int a = findAlbumByNameAndArtist(album, artist);
     if (a < 0) a = addAlbumToDb(album, artist);
-    while (scanLocalEnabled && getTrackCount() < getMaxTracks()) {
+    if (a < 0) return;
+    while (scanLocalEnabled && getTrackCount() < getMaxTracks() && !heapFullCode()) {
         dirent* e = readdir(d.get());
         if (!e) break;
-        if (!allowedMusicTrack(e->d_name) || trackAlreadyPresent(e->d_name, a)) continue;
+        if (!allowedMusicTrack(e->d_name) || trackAlreadyPresent(e->d_name, a) ||
+            !storableName(e->d_name, 0)) {
+            continue;
+        }
         appendTrackToDb(e->d_name, a);
         useKb(entrySize(d.get(), e->d_name));
     }
@@ -189,9 +216,11 @@ void scanLocalAlbum(const std::string& root, const char* album, int artist) {
 void scanAlbum(const char* album, const char* artistName) {
     int r = findArtistByName(artistName);
     if (r >= 0) {
+        // A full scan may be running: its flag must survive this one album.
+        int running = scanLocalEnabled;
         scanLocalEnabled = 1;
         scanLocalAlbum(getLocalPath(), album, r);
-        scanLocalEnabled = 0;
+        scanLocalEnabled = running;
     }
     dirty();
 }

@@ -431,8 +431,10 @@ void webRip(const Request& r) {
 
 void webScanDisk(const Request& r) {
     if (!isScanning()) {
+        // From here until the scan ends the tables hold part of the music.
+        beginLibraryRebuild();
         clearDB();
-        startScanLocal();
+        if (!startScanLocal()) endLibraryRebuild();
     }
     r.reply->text = "[]";
 }

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include "library/library.h"
 #include "tests/unit/libfixture.h"
@@ -168,6 +171,94 @@ TEST_F(DatabaseTest, KilledWriterLeavesAWholeFile) {
         ASSERT_EQ(getAlbumCount(), 3000);
         ASSERT_EQ(getTrackCount(), 36000);
     }
+}
+
+}  // namespace
+
+namespace {
+
+using DatabaseSaveTest = DatabaseTest;
+
+// Saves from the background saver, the web thread and quit overlap: each must
+// succeed and leave a whole file, whatever the others are doing.
+TEST_F(DatabaseSaveTest, OverlappingSavesAllSucceed) {
+    for (int a = 0; a < 300; a++) {
+        int r = addArtistToDb(("artist " + std::to_string(a % 40)).c_str());
+        int al = addAlbumToDb(("album " + std::to_string(a)).c_str(), r);
+        for (int t = 0; t < 10; t++)
+            addTrackToDb((std::to_string(t) + " song.flac").c_str(), al);
+    }
+    ASSERT_EQ(writeDB(), 1);
+    const std::string whole = dbText();
+    std::atomic<int> failures{0};
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; w++) {
+        writers.emplace_back([&failures] {
+            for (int i = 0; i < 25; i++) {
+                if (writeDB() != 1) failures++;
+                dirty();
+            }
+        });
+    }
+    for (auto& t : writers)
+        t.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(dbText(), whole);
+    EXPECT_FALSE(std::filesystem::exists(root + "/kzdb.new"));
+}
+
+// While the tables are being rebuilt they hold part of the library: no save
+// may replace the whole kzdb with that part.
+TEST_F(DatabaseSaveTest, NoSaveWhileTheLibraryIsRebuilt) {
+    int r = addArtistToDb("A");
+    addTrackToDb("01 x.mp3", addAlbumToDb("B", r));
+    ASSERT_EQ(writeDB(), 1);
+    const std::string before = dbText();
+    beginLibraryRebuild();
+    clearDB();
+    addArtistToDb("Only part");
+    EXPECT_EQ(writeDB(), 0);
+    saveDBifChanged();
+    EXPECT_EQ(dbText(), before);
+    EXPECT_TRUE(isDirty());
+    endLibraryRebuild();
+    EXPECT_EQ(writeDB(), 1);
+    EXPECT_NE(dbText(), before);
+}
+
+// A kzdb whose names overflow a heap: the loader stops without holding the
+// library lock (renames and quit go on) and the file is left whole.
+TEST_F(DatabaseSaveTest, HeapThatFillsWhileLoadingLeavesTheLockAndTheFile) {
+    std::string text = "Version 3\n1500 Albums 0 mirror\n";
+    for (int a = 0; a < 1500; a++) {
+        text += std::to_string(a) + std::string(200, 'x') + "/Album\n1 tracks\n01 t.mp3\n";
+    }
+    writeDbText(text);
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        freopen("/dev/null", "w", stdout);
+        startLoadOrScan();
+        // The loader parks once the heap is full; the lock must be free.
+        for (int i = 0; i < 500 && !heapFullCode(); i++)
+            usleep(10000);
+        if (heapFullCode() != 3) _exit(2);
+        bool locked = false;
+        for (int i = 0; i < 200 && !locked; i++) {
+            locked = lib().dbMutex.try_lock();
+            if (!locked) usleep(10000);
+        }
+        if (!locked) _exit(3);
+        lib().dbMutex.unlock();
+        dirty();
+        if (writeDB() != 0) _exit(4);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(dbText(), text);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "library/database.h"
 #include "library/edit.h"
 #include "library/ids.h"
 #include "library/library.h"
@@ -50,11 +51,44 @@ TEST_F(ScanTest, FolderLayoutDecidesWhatIsAlbumAndTrack) {
     // One album after a rip: only what is new is added.
     scanLocalEnabled = 1;
     scanDB();
+    scanLocalEnabled = 0;
     touch("Bjork/Post/03 Isobel.wav");
     scanAlbum("Post", "Bjork");
     EXPECT_EQ(getTrackCount(), 3);
     EXPECT_EQ(scanLocalEnabled, 0);
     EXPECT_TRUE(isDirty());
+    // An album added while a full scan runs must not stop that scan.
+    scanLocalEnabled = 1;
+    touch("Bjork/Post/04 Possibly Maybe.wav");
+    scanAlbum("Post", "Bjork");
+    EXPECT_EQ(scanLocalEnabled, 1);
+    EXPECT_EQ(getTrackCount(), 4);
+}
+
+// Names a line-based kzdb cannot give back are left out at scan time; the
+// albums after them survive a save and a reload.
+TEST_F(ScanTest, NamesKzdbCannotHoldAreLeftOut) {
+    touch("Bad\nArtist/Album/01 a.mp3");
+    touch("Good/Line\nFeed/01 a.mp3");
+    touch("Good/Fine/01 tab\there.mp3");
+    touch("Good/Fine/02 ok.mp3");
+    touch("Good/" + std::string(200, 'a') + "/01 ok.mp3");  // "Good/" + 200 fits
+    touch("Good/" + std::string(245, 'b') + "/01 ok.mp3");  // "Good/" + 245 does not
+    touch("Zed/Last/01 z.mp3");
+    scanLocalEnabled = 1;
+    scanDB();
+    scanLocalEnabled = 0;
+    ASSERT_EQ(writeDB(), 1);
+    clearDB();
+    ASSERT_EQ(readDB(), 1);
+    EXPECT_EQ(findArtistByName("Bad\nArtist"), -1);
+    EXPECT_EQ(getArtistCount(), 2);
+    EXPECT_EQ(getAlbumCount(), 3);  // Fine, the 200-letter one, Last
+    EXPECT_EQ(trackIn("Good", "Fine", "02 ok.mp3") >= 0, true);
+    EXPECT_EQ(trackIn("Good", "Fine", "01 tab\there.mp3"), -1);
+    EXPECT_GE(trackIn("Good", std::string(200, 'a').c_str(), "01 ok.mp3"), 0);
+    EXPECT_GE(trackIn("Zed", "Last", "01 z.mp3"), 0);
+    EXPECT_EQ(getTrackCount(), 3);
 }
 
 TEST_F(ScanTest, UsbDriveIsWalkedSevenLevelsDeep) {
