@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 
@@ -14,9 +15,24 @@ namespace {
 constexpr char kHtmlHeader[] = "Content-Type:text/html;charset=UTF-8";
 constexpr char kBinaryHeader[] = "Content-Type:application/octet-stream";
 
+// A reply must be taken within a few seconds in all: a send time-out alone
+// restarts with every partial write, so a client reading a trickle (or a
+// big reply not at all) would hold the only listener many times longer.
+constexpr auto kReplyTime = std::chrono::seconds(5);
+thread_local std::chrono::steady_clock::time_point replyDeadline =
+    std::chrono::steady_clock::time_point::max();
+
 bool sendAll(int fd, const void* data, size_t len) {
     const char* p = static_cast<const char*>(data);
     while (len > 0) {
+        if (replyDeadline != std::chrono::steady_clock::time_point::max()) {
+            auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                replyDeadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return false;
+            timeval t = {static_cast<time_t>(left.count() / 1000000),
+                         static_cast<suseconds_t>(left.count() % 1000000)};
+            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &t, sizeof t);
+        }
         ssize_t n = send(fd, p, len, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
@@ -159,6 +175,7 @@ bool sendFcgiEndRequest(int fd) {
 }
 
 void fcgiReply2(int fd, const FcgiReply& reply) {
+    replyDeadline = std::chrono::steady_clock::now() + kReplyTime;
     bool ok = true;
     if (reply.blob) {
         ok = sendFcgiStdout2(fd, headerLine(kBinaryHeader).c_str(), nullptr);
@@ -192,5 +209,11 @@ void fcgiReply2(int fd, const FcgiReply& reply) {
         }
     }
     if (ok) ok = sendFcgiStdout(fd, nullptr, 0);
-    if (ok) sendFcgiEndRequest(fd);
+    if (ok) ok = sendFcgiEndRequest(fd);
+    replyDeadline = std::chrono::steady_clock::time_point::max();
+    if (!ok) {
+        kzLog("fcgiReply2 () the client did not take the reply\n");
+        // Nothing more is read from a client that cannot be answered.
+        shutdown(fd, SHUT_RDWR);
+    }
 }

@@ -198,7 +198,9 @@ void listener() {
         return;
     }
     kzLog("fastUnixSocket bind done\n");
-    if (listen(s, 5) != 0) {
+    // Browsers poll the status every few hundred milliseconds: with a short
+    // queue, a burst from a few of them through lighttpd is refused.
+    if (listen(s, 64) != 0) {
         kzLog("listen failed in testWebThread()\n");
         close(s);
         return;
@@ -212,9 +214,11 @@ void listener() {
             if (!fwthreadEnabled) break;
             continue;
         }
-        // A client that stops sending must not hold the only listener.
-        timeval timeout = {30, 0};
+        // A client that stops sending, or stops reading its reply, must not
+        // hold the only listener for long.
+        timeval timeout = {5, 0};
         setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        setsockopt(c, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         fastConnectionHandler(c);
         close(c);
     }
