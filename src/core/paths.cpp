@@ -40,6 +40,13 @@ int configureHostMode() {
     c.pcm = envOr("KZ_PCM", "default");
     c.ffmpeg = envOr("KZ_FFMPEG", "/usr/bin/ffmpeg");
     c.root.clear();
+    const char* set = getenv("KZ_ROOT");
+    if (set && !*set) {
+        // Set but empty is a mistake in a script, not a wish to run as the
+        // appliance on this machine's own /media and /var.
+        kzLog("KZ_ROOT is set but empty\n");
+        return 0;
+    }
     std::string root = envOr("KZ_ROOT", "");
     if (root.empty()) return 1;
 

@@ -3,6 +3,8 @@ import signal
 import subprocess
 import sys
 
+import pytest
+
 from kzdaemon import KZ_BIN
 
 START_UP_ORDER = [
@@ -120,3 +122,17 @@ def test_bad_root_is_refused_with_one_line(tmp_path):
         r = subprocess.run([KZ_BIN], env=env, capture_output=True, timeout=20)
         assert r.returncode == 1
         assert r.stdout.decode() == f"KZ_ROOT {root} is not a folder\n"
+
+    env = dict(os.environ, KZ_ROOT="")
+    r = subprocess.run([KZ_BIN], env=env, capture_output=True, timeout=20)
+    assert (r.returncode, r.stdout.decode()) == (1, "KZ_ROOT is set but empty\n")
+
+    # Root may write anywhere, except on a read-only mount.
+    ro = tmp_path / "ro"
+    (ro / "media" / "hdd1").mkdir(parents=True)
+    r = subprocess.run(["unshare", "-m", "sh", "-c",
+                        'mount --bind -o ro "$KZ_ROOT" "$KZ_ROOT" && exec "$0"', KZ_BIN],
+                       env=dict(os.environ, KZ_ROOT=str(ro)), capture_output=True, timeout=20)
+    if b"mount" in r.stderr and r.returncode != 1:
+        pytest.skip("no mount namespace here: " + r.stderr.decode())
+    assert (r.returncode, r.stdout.decode()) == (1, f"KZ_ROOT {ro} is not writable\n")
