@@ -57,6 +57,7 @@ void buildLibrary() {
     scanLocalEnabled = 1;
     scanDB();
     scanLocalEnabled = 0;
+    hostile::addUnscannable(getMusicDirectory());
     hostile::addUsb();
     lib().dirtybit = 0;
     built = fingerprint();

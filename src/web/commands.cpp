@@ -120,7 +120,17 @@ void playByKind(int id) {
     addEvent(80);
 }
 
+// "&sonos=N" (N not 0) asks for a networked zone; until zones exist the
+// local player must not act in its place.
+bool forSonosZone(const Request& r, const char* command) {
+    const char* v = findParameter(r.uri, "&sonos=");
+    if (!v || toInt(v) == 0) return false;
+    kzLog("%s for Sonos zone %d ignored: Sonos not built\n", command, toInt(v));
+    return true;
+}
+
 void webPlay(const Request& r) {
+    if (forSonosZone(r, "playID")) return;
     int id = getIdParameter(r.uri);
     if (id >= 0) playByKind(id);
 }
@@ -178,7 +188,11 @@ void webRenameID(const Request& r) {
         stripPercentagesFromURLTail(text, name, sizeof text);
         lockQueue();
         if (idIsPlaylist(id)) {
-            renamePlaylist(idToPlaylist(id), text);
+            if (badName(text)) {
+                kzLog("badName in renameID\n");
+            } else {
+                renamePlaylist(idToPlaylist(id), text);
+            }
         } else {
             renameID(id, text);
         }
@@ -513,15 +527,18 @@ void webkTubeDebug(const Request& r) {
     if (command && strncmp(command, "quit", 4) == 0) quitNoSave();
 }
 
-void webBack(const Request&) {
+void webBack(const Request& r) {
+    if (forSonosZone(r, "back")) return;
     wakeAndAddEvent(88);
 }
-void webPlayKey(const Request&) {
+void webPlayKey(const Request& r) {
+    if (forSonosZone(r, "play")) return;
     kzLog("web Play key\n");
     kzLog("Web Play Key\n");
     wakeAndAddEvent(89);
 }
-void webNext(const Request&) {
+void webNext(const Request& r) {
+    if (forSonosZone(r, "next")) return;
     wakeAndAddEvent(90);
 }
 void webEject(const Request&) {
@@ -529,6 +546,7 @@ void webEject(const Request&) {
 }
 
 void webVol(const Request& r) {
+    if (forSonosZone(r, "vol")) return;
     if (*r.after < '0' || *r.after > '9') return;
     setVolume(clampInt(toInt(r.after), 0, 64), 0);
 }
@@ -629,7 +647,7 @@ void webQueueID(const Request& r) {
     const char* p = r.after;
     int id = 0;
     r.reply->text = "[]";
-    if (!getNumericParameter(&p, "&id=", &id)) return;
+    if (forSonosZone(r, "queueID") || !getNumericParameter(&p, "&id=", &id)) return;
     lockQueue();
     int queue = getQueuePlaylist();
     bool ok = queue >= 0 && addToPlaylist(queue, id, kMaxPlaylistEntries);
@@ -648,6 +666,7 @@ void webQueueID(const Request& r) {
 }
 
 void webStartPlaylist(const Request& r) {
+    if (forSonosZone(r, "startPlaylist")) return;
     const char* v = findParameter(r.uri, "&playlist=");
     if (!v) return;
     int playlist = playlistIndex(toInt(v));

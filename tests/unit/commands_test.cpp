@@ -80,6 +80,7 @@ class CommandsTest : public LibraryFixture {
         scanLocalEnabled = 1;
         scanDB();
         scanLocalEnabled = 0;
+        hostile::addUnscannable(root + "/music");
         hostile::addUsb();
         ASSERT_EQ(getTrackCount(), hostile::kTrackCount);
     }
@@ -336,7 +337,7 @@ TEST_F(CommandsTest, EveryReplyMeantAsJsonParsesOverHostileNames) {
     std::string album = std::to_string(albumToID(getParentAlbum(bell)));
     EXPECT_NE(call("/api/listalbum&id=" + album).find("\"name\":\"Bell\\u0007 and escape\\u001b\""),
               std::string::npos);
-    EXPECT_NE(call("/api/albumDetails&id=" + album).find("\"name\":\"Line\\u000aBreak\""),
+    EXPECT_NE(call("/api/albumDetails&id=" + album).find("\"name\":\"Line\\u000b Break\""),
               std::string::npos);
     std::string artist = std::to_string(artistToID(getAlbumArtist(getParentAlbum(joga))));
     EXPECT_NE(call("/api/artistDetails&id=" + artist).find("\"name\":\"Bj\xc3\xb6rk\""),
@@ -505,6 +506,38 @@ TEST_F(CommandsTest, IdsPastTheTablesChangeNothing) {
     EXPECT_EQ(getTrackCount(), tracks);
     EXPECT_EQ(getAlbumCount(), albums);
     EXPECT_EQ(getArtistCount(), artists);
+}
+
+}  // namespace
+
+namespace {
+
+// A command meant for a networked zone never acts on the local player, and a
+// playlist is held to the same names as every other item.
+TEST_F(CommandsTest, ZoneCommandsLeaveTheLocalPlayerAlone) {
+    scanHostileLibrary();
+    setVolume(20, 0);
+    const int before = uiQ().length();
+    std::string track = std::to_string(trackToID(0));
+    call("/api/vol40&sonos=2");
+    call("/api/back&sonos=1");
+    call("/api/play&sonos=1");
+    call("/api/next&sonos=3");
+    call("/api/playID&id=" + track + "&sonos=1");
+    call("/api/queueID&id=" + track + "&sonos=1");
+    call("/api/startPlaylist&playlist=0&sonos=1");
+    EXPECT_EQ(getCurrentVolume(), 20);
+    EXPECT_EQ(uiQ().length(), before) << "a key or start event was posted";
+    EXPECT_FALSE(isPlaying());
+    call("/api/vol40&sonos=0");
+    EXPECT_EQ(getCurrentVolume(), 40) << "zone 0 is the local player";
+
+    std::string made = call("/api/newPlaylist&name=Keep");
+    int id = atoi(made.c_str() + made.find(':') + 1);
+    ASSERT_TRUE(idIsPlaylist(id)) << made;
+    call("/api/renameID&id=" + std::to_string(id) + "&name=%20%20");
+    call("/api/renameID&id=" + std::to_string(id) + "&name=a*b");
+    EXPECT_NE(call("/api/listplaylists").find("\"Keep\""), std::string::npos);
 }
 
 }  // namespace
