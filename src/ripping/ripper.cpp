@@ -156,8 +156,12 @@ TrackResult ripTrack(CdDrive& drive, const std::string& folder, const CdHeader& 
     WavFmtSetBps(fmt.get(), 16);
     std::string number = std::to_string(track.number);
     if (!title.empty()) WavListInfoSetTrackName(info.get(), title.c_str(), title.size());
-    if (!names.album.empty()) WavListInfoSetAlbumName(info.get(), album.c_str(), album.size());
-    if (!names.artist.empty()) WavListInfoSetArtistName(info.get(), artist.c_str(), artist.size());
+    // Only folder and file names are cleaned: the names inside the file are
+    // the disc's own ("AC/DC" stays "AC/DC").
+    if (!names.album.empty())
+        WavListInfoSetAlbumName(info.get(), names.album.c_str(), names.album.size());
+    if (!names.artist.empty())
+        WavListInfoSetArtistName(info.get(), names.artist.c_str(), names.artist.size());
     WavListInfoSetTrackNum(info.get(), number.c_str(), number.size());
     if (!names.year.empty()) WavListInfoSetYear(info.get(), names.year.c_str(), names.year.size());
     if (!names.genre.empty())

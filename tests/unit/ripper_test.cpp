@@ -111,8 +111,8 @@ TEST_F(RipperTest, RipsAnImageIntoAnAlbumWithNamesTocAndDiscId) {
         EXPECT_EQ(fileInfo.fmt.sampleRate, 44100u);
         EXPECT_EQ(fileInfo.fmt.byteRate, 176400u);
         EXPECT_EQ(fileInfo.fmt.blockAlign, 4);
-        EXPECT_STREQ(WavListInfoGetArtistName(info), "AC_DC _Live_");
-        EXPECT_STREQ(WavListInfoGetAlbumName(info), "_._Back in Black");
+        EXPECT_STREQ(WavListInfoGetArtistName(info), "AC/DC \"Live\"");
+        EXPECT_STREQ(WavListInfoGetAlbumName(info), "../Back in Black");
         EXPECT_STREQ(WavListInfoGetTrackNum(info), std::to_string(i + 1).c_str());
         EXPECT_STREQ(WavListInfoGetYear(info), "1980");
         WavListInfoDestroy(info);
