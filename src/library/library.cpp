@@ -9,6 +9,7 @@
 
 #include "core/log.h"
 #include "core/ui.h"
+#include "library/database.h"
 #include "library/ids.h"
 #include "library/names.h"
 #include "library/playlists.h"
@@ -413,12 +414,13 @@ void clearHeapFull() {
 }
 
 int heapOverflow(int code) {
-    // Parking here would keep dbMutex held for good (the caller holds it),
-    // freezing the web listener and quit: the insertion fails instead, and
-    // the loader stops and parks once it has let go of every lock.
+    // While the library loads, parking here would keep dbMutex held for good
+    // (the callers hold it), freezing the web listener and quit: the
+    // insertion fails instead, and the loader parks once it has let go of
+    // every lock.
+    if (!libraryRebuilding()) exception(code);
     if (fullHeap.exchange(code) == 0) {
-        kzLog("Name heap full (code %d): no more names fit in the library\n", code);
-        alert(("Code " + std::to_string(code)).c_str(), 100000);
+        kzLog("Name heap full (code %d): the library stops loading\n", code);
     }
     return -1;
 }

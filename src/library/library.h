@@ -190,7 +190,9 @@ int addTrackToUSBDb(const char* name, int album);
 // Shows "Code <code>", logs the heaps and the track count, and parks the
 // calling thread for good: the library is full and nothing may be saved.
 [[noreturn]] void exception(int code);
-// A local name heap that filled: records code, shows it once and returns -1.
+// A local name heap that filled: stops the calling thread as exception does,
+// except while the library is rebuilt, where it records code and returns -1
+// so that the loader can let go of its locks before it stops.
 int heapOverflow(int code);
 // The code of the heap that filled (1 tracks, 2 albums, 3 artists), or 0.
 int heapFullCode();
