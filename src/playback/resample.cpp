@@ -1,6 +1,7 @@
 #include "playback/resample.h"
 
 #include <cstring>
+#include <numeric>
 
 int Upsampler::pull(int32_t* out, int frames, const Source& source) {
     const int need = (phase_ + frames * kIn) / kOut;
@@ -14,9 +15,10 @@ int Upsampler::pull(int32_t* out, int frames, const Source& source) {
     int f = 0;
     while (f < frames) {
         for (int c = 0; c < 2; c++) {
-            int32_t mixed = prev_[c] * (kOut - phase_) + next_[c] * phase_;
+            int64_t mixed = static_cast<int64_t>(prev_[c]) * (kOut - phase_) +
+                            static_cast<int64_t>(next_[c]) * phase_;
             // From 320ths of a 16-bit step to the 32-bit scale.
-            out[2 * f + c] = static_cast<int32_t>(static_cast<int64_t>(mixed) * 65536 / kOut);
+            out[2 * f + c] = static_cast<int32_t>(mixed * 65536 / kOut);
         }
         f++;
         phase_ += kIn;
@@ -47,4 +49,13 @@ int Upsampler::pull(int32_t* out, int frames, const Source& source) {
 void Upsampler::reset() {
     phase_ = 0;
     prev_[0] = prev_[1] = next_[0] = next_[1] = 0;
+}
+
+void Upsampler::setRates(int inRate, int outRate) {
+    if (inRate <= 0 || outRate <= 0) return;
+    int g = std::gcd(inRate, outRate);
+    if (kIn == inRate / g && kOut == outRate / g) return;
+    kIn = inRate / g;
+    kOut = outRate / g;
+    reset();
 }

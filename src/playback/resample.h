@@ -19,11 +19,15 @@ class Upsampler {
     int pull(int32_t* out, int frames, const Source& source);
     // Forgets the frames held between two calls (a new stream starts).
     void reset();
+    // The source's rate when it is not 44100 Hz (a browser may send 48000):
+    // played at the output's rate it would run fast or slow.
+    void setRates(int inRate, int outRate);
 
   private:
-    // Output frames step through the input in 147ths of 320 (44100/96000).
-    static constexpr int kIn = 147;
-    static constexpr int kOut = 320;
+    // Output frames step through the input in kIn ths of kOut (44100/96000
+    // reduced, unless setRates said otherwise).
+    int kIn = 147;
+    int kOut = 320;
     int phase_ = 0;  // how far from prev_ towards next_, in 320ths
     int16_t prev_[2] = {0, 0};
     int16_t next_[2] = {0, 0};

@@ -10,6 +10,7 @@
 #include "library/library.h"
 #include "library/playlists.h"
 #include "library/settings.h"
+#include "playback/cd.h"
 #include "playback/control.h"
 #include "playback/output.h"
 #include "ripping/cdrom.h"
@@ -51,6 +52,20 @@ const char* sourceName(int source) {
         default:
             return "Library";
     }
+}
+
+// What a source other than the library is playing, or "" for the library.
+std::string otherSourceTitle(int selected) {
+    if (selected == SEL_WEB) {
+        std::string title = getWebTitle();
+        return title.empty() ? "Browser" : title;
+    }
+    if (selected == SEL_CD) {
+        int index = getCDTrackIndex();
+        return index >= 0 ? "Track " + std::to_string(index + 1) : "CD";
+    }
+    if (selected == SEL_HDD) return "";
+    return sourceName(selected);
 }
 
 // The playlist that plays, or the whole library.
@@ -120,7 +135,12 @@ std::string getWebStatusCore(bool full) {
     const int id = lib().currentID;
     const int t = idToTrack(id);
     const int u = idToUSBTrack(id);
-    if (idIsTrack(id) && t >= 0 && t < getTrackCount()) {
+    // Another source than the library plays: its own title, not the last
+    // library track's.
+    std::string title = otherSourceTitle(selected);
+    if (!title.empty()) {
+        addText(out, "track", title.c_str());
+    } else if (idIsTrack(id) && t >= 0 && t < getTrackCount()) {
         int a = getParentAlbum(t);
         int r = getAlbumArtist(a);
         addText(out, "track", getCleanTrackName(t).c_str());
@@ -150,8 +170,6 @@ std::string getWebStatusCore(bool full) {
             add(out, ",\"timeIntoTrack\":\"%d\"", getTimeIntoTrack());
         }
         addPlaylist(out);
-    } else if (selected == SEL_WEB) {
-        addText(out, "track", getWebTitle().c_str());
     } else {
         out += ",\"track\":\"empty\",\"album\":\"empty\",\"artist\":\"empty\"";
     }

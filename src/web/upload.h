@@ -3,6 +3,7 @@
 // header, then 16-bit stereo frames) handed to the web audio buffer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -41,9 +42,10 @@ class StdinParser {
     AudioSink audio;
     int latencyMs = 1000;
     bool audioRunning = false;
-    // From the stream's WAV header.
+    // From the stream's WAV header; the output thread reads the rate to play
+    // the stream at its own speed.
     int channels = 0;
-    int sampleRate = 0;
+    std::atomic<int> sampleRate{0};
 
   private:
     void byte(uint8_t c);

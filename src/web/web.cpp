@@ -5,13 +5,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "core/events.h"
 #include "core/files.h"
@@ -93,11 +96,32 @@ void webUpload(const char* uri, FcgiReply* reply) {
     reply->text = web->jsonReply;
 }
 
+// Two falling notes that tell the listener the browser is now connected,
+// heard ahead of the stream's own audio.
+void putChime() {
+    constexpr int kRate = 44100;
+    constexpr double kNotes[] = {1318.5, 1046.5};
+    constexpr int kNoteFrames = kRate * 22 / 100;
+    std::vector<int16_t> frames(2 * kNoteFrames * 2);
+    for (int n = 0; n < 2; n++) {
+        for (int i = 0; i < kNoteFrames; i++) {
+            double t = static_cast<double>(i) / kRate;
+            double fadeIn = std::min(1.0, i / 200.0);
+            double v = 6000.0 * fadeIn * std::exp(-t * 9.0) * std::sin(2 * M_PI * kNotes[n] * t);
+            int16_t s = static_cast<int16_t>(v);
+            frames[2 * (n * kNoteFrames + i)] = s;
+            frames[2 * (n * kNoteFrames + i) + 1] = s;
+        }
+    }
+    webBuffer->dumbPut(2 * kNoteFrames, frames.data());
+}
+
 void webStartWebAudio(const char* uri, FcgiReply* reply) {
     const char* value = findParameter(uri, "&buffer=");
     int latency = value ? atoi(value) : 1000;
     web->stdinParser.latencyMs = latency > 0 ? latency : 1000;
     webBuffer->clear();
+    putChime();
     web->stdinParser.audioRunning = false;
     getWebSamplesRunning = 0;
     getWebSamplesEnabled = 1;
@@ -326,6 +350,10 @@ bool getWebSamples(int16_t* dest, int frames) {
 
 bool getWebSamples(int32_t* dest, int frames) {
     if (!getWebSamplesRunning || !webBuffer) return false;
+    // A browser may send 48000 Hz: stepped through as if it were 44100 it
+    // would play fast and high.
+    int rate = web->stdinParser.sampleRate;
+    webUpsampler.setRates(rate >= 8000 && rate <= 192000 ? rate : 44100, 96000);
     bool dry = false;
     webUpsampler.pull(dest, frames, [&dry](int16_t* d, int n) {
         dry = !webBuffer->dumbGet(n, d);

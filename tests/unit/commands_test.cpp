@@ -541,3 +541,25 @@ TEST_F(CommandsTest, ZoneCommandsLeaveTheLocalPlayerAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+// While browser audio plays, the status names it, not the library track
+// that played last.
+TEST_F(CommandsTest, StatusNamesTheSourceThatPlays) {
+    scanHostileLibrary();
+    lib().currentID = trackToID(trackNamed("Play the Search"));
+    EXPECT_NE(call("/api/status").find("\"track\":\"Play the Search\""), std::string::npos);
+    call("/api/startWebAudio");
+    std::string status = call("/api/status");
+    EXPECT_NE(status.find("\"track\":\"Browser\""), std::string::npos) << status;
+    EXPECT_EQ(status.find("Play the Search"), std::string::npos) << status;
+    call("/api/blob&title=Voice%20memo");
+    status = call("/api/status");
+    EXPECT_NE(status.find("\"track\":\"Voice memo\""), std::string::npos) << status;
+    EXPECT_TRUE(isJson(status)) << status;
+    call("/api/stopWebAudio");
+    EXPECT_NE(call("/api/status").find("\"track\":\"Play the Search\""), std::string::npos);
+}
+
+}  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -49,3 +50,22 @@ TEST(Upsampler, KeepsPitchLevelAndPaceThenEnds) {
 }
 
 }  // namespace
+
+// A browser's 48000 Hz stream takes 48000 source frames a second of output,
+// not 44100: otherwise it plays fast and high.
+TEST(Upsampler, TheSourceRateSetsHowFastTheSourceIsRead) {
+    for (int rate : {44100, 48000, 32000}) {
+        Upsampler up;
+        if (rate != 44100) up.setRates(rate, 96000);
+        long taken = 0;
+        std::vector<int32_t> out(2 * 960);
+        for (int period = 0; period < 100; period++) {  // one second of output
+            up.pull(out.data(), 960, [&taken](int16_t* d, int n) {
+                std::fill(d, d + 2 * n, int16_t{1000});
+                taken += n;
+                return n;
+            });
+        }
+        EXPECT_NEAR(taken, rate, 2) << rate;
+    }
+}
