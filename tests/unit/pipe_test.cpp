@@ -170,6 +170,9 @@ TEST_F(PipeTest, BadInputsAndKilledChildrenEndTheirTrackCleanly) {
         } else {
             EXPECT_EQ(pcm.size(), 0u);
         }
+        // The output callback ends the track only on a slot that no longer
+        // counts as starting.
+        EXPECT_FALSE(isPipeStarting(slot));
         EXPECT_TRUE(eventually([&] { return fetchFeeder().channel(channel).track->exists == 0; }));
         channel ^= 1;
     }
@@ -191,6 +194,7 @@ TEST_F(PipeTest, BadInputsAndKilledChildrenEndTheirTrackCleanly) {
     configureHostMode();
     slot = fetchFeeder().startTrackDecoder(0, good);
     EXPECT_EQ(drainSlot(slot).size(), 0u);
+    EXPECT_FALSE(isPipeStarting(slot));
     EXPECT_TRUE(eventually([&] { return fetchFeeder().channel(0).track->exists == 0; }));
     unsetenv("KZ_FFMPEG");
     configureHostMode();
