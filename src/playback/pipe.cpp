@@ -389,7 +389,13 @@ int DecoderPipes::getPipeSamples(int slot, void* dst, int frames) {
         // The child may have written its last bytes after our previous
         // drain and then exited: collect them before calling it the end.
         if (s.pf >= 0) drain(slot, wanted);
-        if (fifoUsed(s.fifo) == 0) return 0;
+        if (fifoUsed(s.fifo) == 0) {
+            // A decoder that died before its first byte (a corrupt file, a
+            // program that would not run) leaves no cushion to wait for:
+            // the slot is finished, not still starting.
+            s.pipeStarting = 0;
+            return 0;
+        }
     }
     if (s.pf < 0) {
         kzLog("getPipeSamples (%d) from unopened pipe\n", slot);
