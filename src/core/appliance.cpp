@@ -1,5 +1,8 @@
 #include "core/appliance.h"
 
+#include <atomic>
+#include <chrono>
+
 void init_fonts() {}
 void initJpeg() {}
 void oled_init() {}
@@ -58,7 +61,28 @@ void stopVideoCaching() {}
 void startLibrespot() {}
 void killLibrespot() {}
 
+namespace {
+std::atomic<long long> lastUploadMarkMs{-1};
+
+long long nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+}  // namespace
+
+void markUploadUnderWay() {
+    lastUploadMarkMs = nowMs();
+}
+
+bool uploadUnderWay() {
+    long long mark = lastUploadMarkMs;
+    return mark >= 0 && nowMs() - mark < kUploadRunsMs;
+}
+
 bool doingSomethingInBackground() {
-    return false;
+    // An upload arrives in pieces with pauses between them: the appliance
+    // must not fall asleep in the middle of one.
+    return uploadUnderWay();
 }
 void stopBackgroundJobs() {}

@@ -68,5 +68,10 @@ void killLibrespot();
 
 // The jobs that allStop ends when they run: import, restore, backup,
 // SD copy, photo import, scan, cache and backup, export, tagging, soak test.
+// True while background work runs that standby must not interrupt.
 bool doingSomethingInBackground();
+// An upload counts as running for this long after its last mark.
+constexpr long long kUploadRunsMs = 30000;
+void markUploadUnderWay();
+bool uploadUnderWay();
 void stopBackgroundJobs();

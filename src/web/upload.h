@@ -36,6 +36,8 @@ class StdinParser {
     void connectionEnded();
 
     int state() const { return state_; }
+    // An upload's files are coming in.
+    bool receivingFiles() const { return state_ >= 1 && state_ <= 6; }
     bool uploadFailed = false;
     // Run instead of adding an uploaded file to the library, when set.
     std::function<void(const std::string& path)> completion;

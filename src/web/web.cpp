@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/appliance.h"
 #include "core/events.h"
 #include "core/files.h"
 #include "core/log.h"
@@ -81,6 +82,7 @@ void webGetWebDebug(FcgiReply* reply) {
 }
 
 void webUpload(const char* uri, FcgiReply* reply) {
+    markUploadUnderWay();
     const char* value = findParameter(uri, "&artist=");
     if (!value) {
         reply->text = "\"NG\"";
@@ -308,6 +310,7 @@ void fastConnectionHandler(int fd) {
                 fcgiReply2(fd, reply);
             }
         } else if (type == FCGI_STDIN) {
+            if (w.stdinParser.receivingFiles()) markUploadUnderWay();
             w.stdinParser.process(w.fastDataBuffer, length);
             if (w.stdinParser.audioRunning) getWebSamplesRunning = 1;
             if (length == 0 && deferred) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/appliance.h"
 #include "core/events.h"
 #include "core/log.h"
 #include "core/paths.h"
@@ -159,3 +160,12 @@ TEST_F(MainLoopTest, AllStopHaltsWorkButNotTheProcess) {
 }
 
 }  // namespace
+
+// An upload keeps the appliance awake for 30 s after its last piece.
+TEST_F(MainLoopTest, AnUploadUnderWayHoldsStandbyOff) {
+    markUploadUnderWay();
+    EXPECT_TRUE(doingSomethingInBackground());
+    ticks(400);
+    EXPECT_FALSE(isStandby());
+    EXPECT_EQ(loop.standbyTimer, 0);
+}
