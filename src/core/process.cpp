@@ -1,7 +1,8 @@
 #include "core/process.h"
 
+#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,33 +14,77 @@
 #include "core/log.h"
 #include "core/paths.h"
 
-extern char** environ;
-
-void initChildAttributes(posix_spawnattr_t* attr) {
-    posix_spawnattr_init(attr);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(attr, &none);
-    posix_spawnattr_setsigdefault(attr, &all);
-    posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-}
-
-int runProgram(const std::vector<std::string>& argv) {
-    if (argv.empty()) return -1;
+pid_t spawnChild(const std::string& program, const std::vector<std::string>& argv, int errFd,
+                 bool searchPath) {
     std::vector<char*> args;
     for (const std::string& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
+    // Prepared before the fork: between fork and exec only async-signal-safe
+    // calls are allowed.
+    int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        if (devNull >= 0) close(devNull);
+        return -1;
+    }
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        for (int sig = 1; sig < NSIG; sig++)
+            signal(sig, SIG_DFL);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // The parent may have died before the line above took effect.
+        if (getppid() != parent) _exit(127);
+        // ffmpeg reads keys from standard input; the daemon's is not for it.
+        if (devNull >= 0) dup2(devNull, 0);
+        if (errFd >= 0) dup2(errFd, 2);
+        // Nothing else of ours: a decoder holding another fifo's write end
+        // would keep that fifo's reader from ever seeing its end. The report
+        // pipe goes on exec by itself.
+        int keep = report[1];
+        if (keep > 3) close_range(3, keep - 1, 0);
+        close_range(keep + 1, ~0U, 0);
+        if (searchPath)
+            execvp(program.c_str(), args.data());
+        else
+            execv(program.c_str(), args.data());
+        int err = errno;
+        ssize_t ignored = write(report[1], &err, sizeof err);
+        (void)ignored;
+        _exit(127);
+    }
+    int saved = errno;
+    if (devNull >= 0) close(devNull);
+    close(report[1]);
+    if (pid < 0) {
+        close(report[0]);
+        errno = saved;
+        return -1;
+    }
+    // Closed by a successful exec, or carrying the errno of a failed one.
+    int err = 0;
+    ssize_t got;
+    while ((got = read(report[0], &err, sizeof err)) < 0 && errno == EINTR) {
+    }
+    close(report[0]);
+    if (got == static_cast<ssize_t>(sizeof err)) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        errno = err;
+        return -1;
+    }
+    return pid;
+}
 
-    posix_spawnattr_t attr;
-    initChildAttributes(&attr);
-
-    pid_t pid;
-    int err = posix_spawnp(&pid, args[0], nullptr, &attr, args.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    if (err != 0) {
-        kzLog("runProgram cannot start %s: %s\n", args[0], strerror(err));
+int runProgram(const std::vector<std::string>& argv) {
+    if (argv.empty()) return -1;
+    pid_t pid = spawnChild(argv[0], argv, -1, true);
+    if (pid < 0) {
+        kzLog("runProgram cannot start %s: %s\n", argv[0].c_str(), strerror(errno));
         return -1;
     }
     int status;

@@ -3,15 +3,19 @@
 // a command.
 #pragma once
 
-#include <spawn.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
 
-// Spawn attributes for a child that starts with default signal handling and
-// nothing blocked, whatever the daemon set up for itself. The caller destroys
-// them.
-void initChildAttributes(posix_spawnattr_t* attr);
+// Starts a program from an argument list with standard input on /dev/null,
+// standard error on errFd (when >= 0, else inherited), nothing else open,
+// default signal handling and nothing blocked, whatever the daemon set up for
+// itself. The child is killed when the thread that started it ends, so a
+// daemon that dies leaves no decoder behind. searchPath looks the program up
+// in PATH. Returns the pid, or -1 with errno set when it could not be run.
+pid_t spawnChild(const std::string& program, const std::vector<std::string>& argv, int errFd,
+                 bool searchPath);
 
 // Runs the program and waits for it. Returns its exit status, or -1 when it
 // could not be started or did not exit normally.

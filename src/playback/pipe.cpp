@@ -1,8 +1,8 @@
 #include "playback/pipe.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,15 +11,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <thread>
+#include <vector>
 
 #include "core/events.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/process.h"
 #include "playback/playback.h"
-
-extern char** environ;
 
 namespace {
 
@@ -60,6 +60,28 @@ bool readClock(const char* text, int& seconds) {
     return true;
 }
 
+// Decoders of an earlier run of this root that outlived it (it was killed
+// before the kernel could be told to take them along) still hold our fifos;
+// they are known by the slot fifo they write to.
+void killLeftoverDecoders(const std::vector<std::string>& fifos) {
+    DIR* proc = opendir("/proc");
+    if (!proc) return;
+    while (dirent* e = readdir(proc)) {
+        char* end;
+        long pid = strtol(e->d_name, &end, 10);
+        if (*end || pid <= 1 || pid == getpid()) continue;
+        std::ifstream in("/proc/" + std::string(e->d_name) + "/cmdline", std::ios::binary);
+        std::string arg;
+        while (std::getline(in, arg, '\0')) {
+            if (std::find(fifos.begin(), fifos.end(), arg) == fifos.end()) continue;
+            kzLog("Killing leftover decoder %ld\n", pid);
+            kill(static_cast<pid_t>(pid), SIGKILL);
+            break;
+        }
+    }
+    closedir(proc);
+}
+
 }  // namespace
 
 int FFGetLine(FILE* in, char* line, int max) {
@@ -97,6 +119,8 @@ DecoderPipes& decoderPipes() {
 
 void DecoderPipes::init() {
     if (isHostMode()) mkdir(hostPath("/tmp").c_str(), 0755);
+    if (!threadsStarted_)
+        killLeftoverDecoders({hostPath("/tmp/kzpipe1"), hostPath("/tmp/kzpipe2")});
     for (int i = 0; i < kSlots; i++) {
         PipeSlot& s = slots_[i];
         if (!threadsStarted_) {
@@ -136,11 +160,6 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
                                      // the raw muxer only passes the samples through.
                                      hi ? "s32le" : "u16le", "-ar", hi ? "96000" : "44100",
                                      s.pipeName};
-    std::vector<char*> args;
-    for (std::string& a : argv)
-        args.push_back(a.data());
-    args.push_back(nullptr);
-
     // Opened here rather than in the child, where a log line could deadlock.
     // Without a reader at this instant (the parser between two children) a
     // write-only open fails; read-write keeps the progress for the parser.
@@ -149,31 +168,18 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     if (err < 0)
         kzLog("Problem opening %s Error %d -> %s\n", s.ffsoPipe.c_str(), errno, strerror(errno));
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    // ffmpeg reads keys from standard input; the daemon's is not for it.
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (err >= 0) posix_spawn_file_actions_adddup2(&actions, err, 2);
-    // Nothing else of ours: a decoder holding another fifo's write end would
-    // keep that fifo's reader from ever seeing its end.
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    posix_spawnattr_t attr;
-    initChildAttributes(&attr);
-
     std::string program = ffmpegPath();
-    pid_t pid = 0;
-    int rc = posix_spawn(&pid, program.c_str(), &actions, &attr, args.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
+    pid_t pid = spawnChild(program, argv, err, false);
+    int spawnErrno = errno;
     if (err >= 0) close(err);
-    if (rc == EAGAIN || rc == ENOMEM) {
+    if (pid < 0 && (spawnErrno == EAGAIN || spawnErrno == ENOMEM)) {
         kzLog("Error forking in pipe.c\n");
         return 0;
     }
-    if (rc != 0) {
+    if (pid < 0) {
         // Like a child whose exec failed: the slot delivers nothing and the
         // track ends by itself.
-        kzLog("startPipePlay cannot run %s: %s\n", program.c_str(), strerror(rc));
+        kzLog("startPipePlay cannot run %s: %s\n", program.c_str(), strerror(spawnErrno));
         return 0;
     }
     kzLog("Executing renice -5 -p %d > /dev/null\n", pid);
