@@ -1,11 +1,15 @@
 #include "web/upload.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "core/log.h"
+#include "core/paths.h"
 #include "library/database.h"
 #include "library/library.h"
 #include "library/names.h"
@@ -25,6 +29,48 @@ std::string quotedAfter(const std::string& line, const char* key) {
     size_t end = line.find('"', at + 1);
     if (end == std::string::npos) return "";
     return line.substr(at + 1, end - at - 1);
+}
+// Whether the decoder finds an audio stream in the file. A file it cannot
+// judge (no prober here) is given the benefit of the doubt.
+bool holdsAudio(const std::string& path) {
+    std::string prober = ffmpegPath();
+    size_t slash = prober.rfind('/');
+    prober = (slash == std::string::npos ? std::string() : prober.substr(0, slash + 1)) + "ffprobe";
+    if (access(prober.c_str(), X_OK) != 0) prober = "/usr/bin/ffprobe";
+    if (access(prober.c_str(), X_OK) != 0) {
+        kzLog("No ffprobe: %s is not checked\n", path.c_str());
+        return true;
+    }
+    kzLog("Executing %s -v error -show_entries stream=codec_type -of csv=p=0 \"%s\"\n",
+          prober.c_str(), path.c_str());
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return true;
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null = open("/dev/null", O_RDWR);
+        dup2(null, 0);
+        dup2(out[1], 1);
+        dup2(null, 2);
+        execl(prober.c_str(), prober.c_str(), "-v", "error", "-show_entries", "stream=codec_type",
+              "-of", "csv=p=0", path.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(out[1]);
+    std::string text;
+    char buf[256];
+    ssize_t n;
+    while (pid > 0 && (n = read(out[0], buf, sizeof buf)) != 0) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) break;
+        if (text.size() < 4096) text.append(buf, static_cast<size_t>(n));
+    }
+    close(out[0]);
+    int status = 0;
+    if (pid < 0) return true;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) return true;
+    return text.find("audio") != std::string::npos;
 }
 }  // namespace
 
@@ -69,10 +115,20 @@ void StdinParser::armAudio() {
 
 void StdinParser::connectionEnded() {
     if (file_) {
-        flushFile();
+        // Cut off in the middle of a file: what arrived is not the file, and
+        // a rescan must not find it.
         fclose(file_);
         file_ = nullptr;
+        pending_.clear();
+        unlink(path_.c_str());
+        kzLog("Upload cut off, removed %s\n", path_.c_str());
+        uploadFailed = true;
     }
+    // Nothing of this request may reach the next connection's body.
+    state_ = 0;
+    match_ = 0;
+    line_.clear();
+    path_.clear();
     completion = nullptr;
     textDone_ = nullptr;
 }
@@ -193,6 +249,12 @@ void StdinParser::headerLine() {
     std::string album = quotedAfter(line_, " name=");
     std::string file = quotedAfter(line_, "filename=");
     if (album.empty() && file.empty()) return;
+    path_.clear();
+    if (file.empty()) {
+        // A plain form field, not a file: its value is skipped.
+        state_ = 3;
+        return;
+    }
     // Names from a browser are only names: they cannot leave their folder.
     album_ = cleanPathName(album.empty() ? "Upload" : album);
     fileName_ = cleanPathName(file.empty() ? "upload" : file);
@@ -206,9 +268,17 @@ void StdinParser::headerLine() {
             state_ = 3;
             return;
         }
+        // The same track in another format is replaced, in the library too:
+        // one entry per file.
         std::string stem = nameWithoutExtension(fileName_.c_str());
         for (const char* ext : {".wav", ".flac", ".mp3", ".m4a"}) {
-            unlink((folder + "/" + stem + ext).c_str());
+            std::string other = stem + ext;
+            if (unlink((folder + "/" + other).c_str()) != 0 || other == fileName_) continue;
+            int t = findTrackByThreeNames(artist_.c_str(), album_.c_str(), other.c_str());
+            if (t >= 0) {
+                removeTrack(t);
+                dirty();
+            }
         }
     } else {
         folder = getLocalPath() + "/upload";
@@ -246,14 +316,25 @@ void StdinParser::flushFile() {
 }
 
 void StdinParser::finishFile() {
+    match_ = 0;
+    state_ = 6;
+    if (path_.empty()) {
+        pending_.clear();
+        return;  // the end of a form field's value
+    }
     kzLog("End of file - length = %d\n", static_cast<int>(fileLength_));
     flushFile();
     bool ok = file_ != nullptr && fclose(file_) == 0;
     file_ = nullptr;
     if (!ok) uploadFailed = true;
-    match_ = 0;
-    state_ = 6;
     if (!ok) return;
+    if (!completion && !artist_.empty() && allowedMusicTrack(fileName_.c_str()) &&
+        !holdsAudio(path_)) {
+        kzLog("Upload %s holds no audio: removed\n", path_.c_str());
+        unlink(path_.c_str());
+        uploadFailed = true;
+        return;
+    }
     if (completion) {
         completion(path_);
     } else if (artist_.empty()) {

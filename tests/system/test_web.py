@@ -1,5 +1,6 @@
 import os
 import socket
+import struct
 import subprocess
 import time
 
@@ -34,36 +35,48 @@ def test_pages_and_commands_through_lighttpd(web):
     assert curl(base + "/api/checkUpload") == b"true"
 
 
+def wav(data):
+    """A 16-bit stereo 44.1 kHz WAV around data (any bytes: they are its audio)."""
+    return (b"RIFF" + struct.pack("<I", 36 + len(data)) + b"WAVEfmt " +
+            struct.pack("<IHHIIHH", 16, 1, 2, 44100, 176400, 4, 16) + b"data" +
+            struct.pack("<I", len(data)) + data)
+
+
+def mp3(path, seconds=1):
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"sine=d={seconds}",
+                    "-q:a", "9", str(path)], check=True)
+    return path.read_bytes()
+
+
 def test_uploads_land_in_the_library_whole(web, tmp_path):
     d, root, base = web
-    one = os.urandom(300000)
+    one = mp3(tmp_path / "01 One.mp3")
     # The body holds bytes that look like the start of the boundary.
-    two = b"\r\n--" + os.urandom(5000) + b"\r\n-"
-    (tmp_path / "01 One.mp3").write_bytes(one)
-    (tmp_path / "02 Two.flac").write_bytes(two)
+    two = wav(b"\r\n--" + os.urandom(5000) + b"\r\n-")
+    (tmp_path / "02 Two.wav").write_bytes(two)
     reply = curl("-F", f"Album Name=@{tmp_path / '01 One.mp3'}",
-                 "-F", f"Album Name=@{tmp_path / '02 Two.flac'}",
+                 "-F", f"Album Name=@{tmp_path / '02 Two.wav'}",
                  base + "/api/upload&artist=Nina%20Simone")
     assert int(reply) > 0
     album = root / "media" / "hdd1" / "music" / "Nina Simone" / "Album Name"
     assert (album / "01 One.mp3").read_bytes() == one
-    assert (album / "02 Two.flac").read_bytes() == two
+    assert (album / "02 Two.wav").read_bytes() == two
     d.wait_for("addUploadFileToDB path=")
     d.wait_for("Posted writeDB complete")
     kzdb = (root / "media" / "hdd1" / "kzdb").read_text()
-    assert "Nina Simone/Album Name\n2 tracks\n01 One.mp3\n02 Two.flac\n" in kzdb
+    assert "Nina Simone/Album Name\n2 tracks\n01 One.mp3\n02 Two.wav\n" in kzdb
 
     # A 50 MB upload arrives whole although the reply is ready at once.
     big = tmp_path / "03 Big.wav"
     with open(big, "wb") as f:
-        f.write(os.urandom(1 << 20) * 50)
+        f.write(wav(os.urandom(1 << 20) * 50))
     curl("-F", f"Big=@{big}", base + "/api/upload&artist=Nina%20Simone")
     got = root / "media" / "hdd1" / "music" / "Nina Simone" / "Big" / "03 Big.wav"
     assert got.stat().st_size == big.stat().st_size
     assert got.read_bytes() == big.read_bytes()
 
     # A hostile file name stays inside its album.
-    (tmp_path / "x.mp3").write_bytes(b"x")
+    mp3(tmp_path / "x.mp3")
     curl("-F", f"Evil=@{tmp_path / 'x.mp3'};filename=../../../escape.mp3",
          base + "/api/upload&artist=..%2F..")
     landed = [p.relative_to(root) for p in root.rglob("*escape.mp3")]
