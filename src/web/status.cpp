@@ -56,10 +56,7 @@ const char* sourceName(int source) {
 
 // What a source other than the library is playing, or "" for the library.
 std::string otherSourceTitle(int selected) {
-    if (selected == SEL_WEB) {
-        std::string title = getWebTitle();
-        return title.empty() ? "Browser" : title;
-    }
+    if (selected == SEL_WEB) return getWebTitle();
     if (selected == SEL_CD) {
         int index = getCDTrackIndex();
         return index >= 0 ? "Track " + std::to_string(index + 1) : "CD";

@@ -3,21 +3,8 @@ another format, plain form fields, files that hold no audio."""
 import json
 import os
 import socket
-import subprocess
 
-import pytest
-
-import webstack
-from test_web import curl, mp3, wav
-
-
-@pytest.fixture
-def web(daemon, tmp_path):
-    root = tmp_path / "root"
-    (root / "media" / "hdd1" / "music").mkdir(parents=True)
-    d, base = webstack.start(daemon, root, {"KZ_PCM": "null"})
-    yield d, root, base
-    webstack.stop_lighttpd(root)
+from test_web import curl, mp3, wav, web  # noqa: F401 (web is the fixture)
 
 
 def raw_post(base, path, body, declared=None, content_type=None):
