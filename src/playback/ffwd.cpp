@@ -1,6 +1,7 @@
 #include "playback/ffwd.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -160,7 +161,11 @@ void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track)
                     if (!slot.ffmpegBitrateStartup && burst > 0)
                         c.ffmpegEstimatedBitrate = bitrateOf(burst, slot.ffmpegProduced);
                     burst = 0;
-                    usleep(100000);
+                    // Back the moment the decoder takes some: a fixed nap
+                    // here starved 96 kHz/32-bit files. The timeout is only
+                    // for noticing a stop.
+                    struct pollfd writable = {fd, POLLOUT, 0};
+                    poll(&writable, 1, 100);
                 } else {
                     // EPIPE: the decoder has gone (ended, failed or killed).
                     broken = true;
