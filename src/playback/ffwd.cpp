@@ -31,6 +31,38 @@ int bitrateOf(long long fileBytes, long long pcmBytes) {
     return pcmBytes > 0 ? static_cast<int>(fileBytes * 1411.2 / pcmBytes) : 0;
 }
 
+uint32_t le32(const unsigned char* p) {
+    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+// Walks the RIFF chunks to the audio. Leaves dataStart at -1 for anything
+// that is not a plain RIFF/WAVE file with a "data" chunk.
+void findWavAudio(FeedTrack& t, long long length) {
+    int fd = fileno(t.file);
+    unsigned char head[12];
+    if (pread(fd, head, 12, 0) != 12 || memcmp(head, "RIFF", 4) || memcmp(head + 8, "WAVE", 4))
+        return;
+    int blockAlign = 0;
+    long long at = 12;
+    while (at + 8 <= length) {
+        unsigned char chunk[24];
+        if (pread(fd, chunk, 8, at) != 8) return;
+        long long size = le32(chunk + 4);
+        if (!memcmp(chunk, "fmt ", 4) && size >= 16 && pread(fd, chunk + 8, 16, at + 8) == 16)
+            blockAlign = chunk[8 + 12] | (chunk[8 + 13] << 8);
+        if (!memcmp(chunk, "data", 4)) {
+            t.dataStart = at + 8;
+            // A header still counting (0 or all ones) or a file cut short
+            // ends with the file.
+            long long end = at + 8 + size;
+            t.dataEnd = (size == 0 || size == 0xFFFFFFFFLL || end > length) ? length : end;
+            if (blockAlign > 0 && blockAlign <= 4096) t.blockAlign = blockAlign;
+            return;
+        }
+        at += 8 + size + (size & 1);
+    }
+}
+
 }  // namespace
 
 int trackFileType(const std::string& path) {
@@ -84,6 +116,7 @@ int FetchFeeder::prepareFfwdFetch(int channel, const std::string& path) {
         kzLog("startFfwdFetch () cannot open %s\n", path.c_str());
         return 0;
     }
+    if (trackFileType(path) == FILE_WAV) findWavAudio(*track, fileLength(track->file));
     std::lock_guard<std::mutex> hold(channelMutex_);
     channels_[channel].track = std::move(track);
     return 1;
@@ -113,6 +146,24 @@ int FetchFeeder::startFfwdFetch2(int channel) {
         return 0;
     }
     return 1;
+}
+
+size_t FetchFeeder::readBlock(FeedTrack& t, char* block, size_t size) {
+    if (t.dataStart < 0) return fread(block, 1, size, t.file);
+    long long at = ftello(t.file);
+    if (at < 0 || at >= t.dataEnd) return 0;
+    // The headers alone, then whole frames: every block ends on a frame, so
+    // a seek that lands on a frame keeps the decoder in step (a half frame
+    // before the jump would shift every sample after it).
+    long long want = at < t.dataStart
+                         ? t.dataStart - at
+                         : static_cast<long long>(size) / t.blockAlign * t.blockAlign;
+    want = std::min({want, static_cast<long long>(size), t.dataEnd - at});
+    size_t n = fread(block, 1, static_cast<size_t>(want), t.file);
+    // The data chunk's byte count, wherever it falls in this block.
+    for (long long b = t.dataStart - 4; b < t.dataStart; b++)
+        if (b >= at && b < at + static_cast<long long>(n)) block[b - at] = static_cast<char>(0xFF);
+    return n;
 }
 
 void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track) {
@@ -145,7 +196,7 @@ void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track)
             size_t n;
             {
                 std::lock_guard<std::mutex> hold(track->fileMutex);
-                n = track->file ? fread(block, 1, sizeof block, track->file) : 0;
+                n = track->file ? readBlock(*track, block, sizeof block) : 0;
             }
             if (n == 0) break;
             size_t done = 0;
@@ -261,7 +312,15 @@ int FetchFeeder::seek(int channel, int position) {
         long long length = fileLength(track->file);
         long long target = static_cast<long long>(position) * length / 1000;
         kzLog("length %d seeking to %d\n", static_cast<int>(length), static_cast<int>(target));
-        fseeko(track->file, static_cast<off_t>(target & ~3LL), SEEK_SET);
+        if (track->dataStart >= 0) {
+            // Whole frames of the audio itself: a 32-bit stereo frame is 8
+            // bytes, and chunks before the audio need not be a multiple of 4.
+            long long into = std::max(0LL, target - track->dataStart);
+            target = track->dataStart + into / track->blockAlign * track->blockAlign;
+        } else {
+            target &= ~3LL;
+        }
+        fseeko(track->file, static_cast<off_t>(target), SEEK_SET);
     }
     setPipeTime(slot, position);
     return 1;

@@ -24,6 +24,15 @@ struct FeedTrack {
     FILE* file = nullptr;  // closed (null) once the feeder has finished
     std::atomic<int> enable{0};
     std::atomic<int> exists{0};
+    // A WAV's audio: where it starts and ends in the file and its frame size.
+    // The decoder stops after the byte count its header gives, which is
+    // wrong once a seek has moved the file; the feeder sends that count as
+    // "unknown" and ends the feed where the audio ends instead, so chunks
+    // after the audio are never decoded as sound. dataStart < 0: not a WAV
+    // the feeder understands, fed as it is.
+    long long dataStart = -1;
+    long long dataEnd = -1;
+    int blockAlign = 4;
     ~FeedTrack();
 };
 
@@ -71,6 +80,8 @@ class FetchFeeder {
 
   private:
     void ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track);
+    // The next block of what the decoder is to see; 0 at its end.
+    static size_t readBlock(FeedTrack& t, char* block, size_t size);
 
     FeederChannel channels_[kChannels];
     std::mutex channelMutex_;  // which track is current, against a leaving thread
