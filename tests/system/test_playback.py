@@ -49,11 +49,13 @@ def play_album(daemon, tmp_path, segue, later=None):
     assert fcgi.stdout_of(fcgi.call(sock, fcgi.request("/api/vol64"))).endswith(b"thanks\n")
     time.sleep(0.3)
     fcgi.call(sock, fcgi.request("/api/playID&id=1000000"))
-    # Short segue ends each track 1.4 s early: the album lasts about 12 s.
-    time.sleep(len(TONES) * SECONDS - 6)
+    # Short segue asks for the next track with under 3 s to go: the first two
+    # tones are heard for about 2 s each and the album lasts about 9.5 s. A
+    # later command goes in at 7 s, well inside the last tone.
+    time.sleep(len(TONES) * SECONDS - 8)
     if later:
         fcgi.call(sock, fcgi.request(later))
-    time.sleep(8)
+    time.sleep(10)
     assert d.stop() == 0
     return d, left_channel(raw)
 

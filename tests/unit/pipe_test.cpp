@@ -207,7 +207,9 @@ TEST_F(PipeTest, BadInputsAndKilledChildrenEndTheirTrackCleanly) {
     EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD);
     EXPECT_TRUE(eventually([&] { return fetchFeeder().channel(1).track->exists == 0; }));
 
-    EXPECT_TRUE(eventually([&] { return openFds() == fdsBefore; }))
+    // None left behind; a slot's read end that was still open at the start
+    // may have been closed by a later start, so fewer is fine.
+    EXPECT_TRUE(eventually([&] { return openFds() <= fdsBefore; }))
         << openFds() << " open, " << fdsBefore << " before";
 }
 
