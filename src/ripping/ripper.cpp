@@ -1,6 +1,5 @@
 #include "ripping/ripper.h"
 
-#include <curl/curl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include "library/scan.h"
 #include "library/sorting.h"
 #include "ripping/cdrom.h"
+#include "ripping/lookup.h"
 #include "ripping/wav.h"
 
 std::atomic<int> ripEnabled{0};
@@ -44,43 +44,27 @@ long long freeBytes(const std::string& folder) {
     return static_cast<long long>(vfs.f_bavail) * vfs.f_frsize;
 }
 
-size_t writeToFile(char* data, size_t size, size_t n, void* f) {
-    return fwrite(data, size, n, static_cast<FILE*>(f));
-}
-
 bool download(const std::string& url, const std::string& path) {
-    File f(fopen(path.c_str(), "wb"));
-    kzLog("ripAlbum () coverart path %s f=%d\n", path.c_str(), f ? 1 : 0);
-    if (!f) return false;
-    CURL* curl = curl_easy_init();
-    if (!curl) return false;
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, f.get());
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);
-    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
-    CURLcode rc = curl_easy_perform(curl);
-    curl_easy_cleanup(curl);
-    if (rc != CURLE_OK) {
-        kzLog("ripAlbum () cover art not fetched: %s\n", curl_easy_strerror(rc));
-        f.reset();
-        unlink(path.c_str());
-        return false;
-    }
-    return true;
+    // Fetched whole and checked before anything is written: a failed or
+    // bogus cover leaves no file at all.
+    bool ok = fetchCoverArt(url, path);
+    kzLog("ripAlbum () coverart path %s f=%d\n", path.c_str(), ok ? 1 : 0);
+    return ok;
 }
 
 // The names this rip uses.
 RipNames chooseNames() {
+    RipNames names;
     if (ripUserChoice < 0) {
         std::lock_guard<std::mutex> g(namesMutex);
-        return uploadedNames;
+        names = uploadedNames;
+    } else if (ripUserChoice > 0 && ripUserChoice <= getLookupCandidateCount()) {
+        names = getLookupCandidate(ripUserChoice - 1);
     }
-    if (ripUserChoice > 0 && ripUserChoice <= getLookupCandidateCount()) {
-        return getLookupCandidate(ripUserChoice - 1);
-    }
-    return {};
+    // A cover the page chose ("artURL") wins over the names' own.
+    std::string art = getArtURL();
+    if (!art.empty()) names.artUrl = art;
+    return names;
 }
 
 // Reads count sectors from first and appends them to the file: the bytes
@@ -411,18 +395,6 @@ std::string getNextAlbumName(const std::string& artistFolder) {
     }
 }
 
-void clearOfflineFlag() {}
-void startCDDBLookup() {}
-void clearDiscid() {}
-void clearArtURL() {}
-void startGetArt() {}
-int getLookupCandidateCount() {
-    return 0;
-}
-RipNames getLookupCandidate(int) {
-    return {};
-}
-
 bool parseRipMetadata(const std::string& text, RipNames* names) {
     *names = RipNames();
     bool any = false;
@@ -468,12 +440,7 @@ int readRipMetadata(const std::string& path, RipNames* names) {
     return ok;
 }
 
-int reindexAlbum(const RipNames& names) {
-    if (testUnitReady() != CD_READY) {
-        kzLog("reindex () no disc\n");
-        return 0;
-    }
-    std::string disc = computeDiscId(currentToc());
+int findRippedAlbum(const std::string& disc) {
     // The latest rip of this disc (a disc may have been ripped twice): the
     // album whose discid file was written last.
     int album = -1;
@@ -490,6 +457,16 @@ int reindexAlbum(const RipNames& names) {
             newest = st.st_mtime;
         }
     }
+    return album;
+}
+
+int reindexAlbum(const RipNames& names) {
+    if (testUnitReady() != CD_READY) {
+        kzLog("reindex () no disc\n");
+        return 0;
+    }
+    std::string disc = computeDiscId(currentToc());
+    int album = findRippedAlbum(disc);
     if (album < 0) {
         kzLog("reindex () no album was ripped from disc %s\n", disc.c_str());
         return 0;

@@ -67,8 +67,11 @@ std::string cleanRipName(const std::string& name, size_t maxBytes = 143);
 // "Album 1", "Album 2", ...: the first that the artist does not have yet.
 std::string getNextAlbumName(const std::string& artistFolder);
 
-// Disc lookup (names and art from CDDB and MusicBrainz) is not built yet:
-// there are no candidates.
+// The album last ripped from the disc with this id (its "discid" file), or -1.
+int findRippedAlbum(const std::string& discid);
+
+// Disc lookup (ripping/lookup.h): the main loop's calls when a disc comes
+// and goes, and the candidates the rip and the pages use.
 void clearOfflineFlag();
 void startCDDBLookup();
 void clearDiscid();

@@ -28,6 +28,7 @@
 #include "playback/control.h"
 #include "playback/output.h"
 #include "ripping/cdrom.h"
+#include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "web/params.h"
 #include "web/status.h"
@@ -813,6 +814,54 @@ void webGetCDDB(const Request& r) {
     r.reply->text = keep(out + "]}");
 }
 
+void webGetCandidate(const Request& r) {
+    const char* v = findParameter(r.uri, "&index=");
+    int index = v ? toInt(v) : 1;
+    r.reply->text = "[]";
+    if (index < 1 || index > getLookupCandidateCount()) return;
+    Candidate c = getCandidate(index - 1);
+    std::string out = "{\"artist\":" + quoted(c.artist.c_str()) +
+                      ",\"album\":" + quoted(c.album.c_str()) + ",\"year\":" + quoted(c.year.c_str()) +
+                      ",\"genre\":" + quoted(c.genre.c_str()) + ",\"art\":" + quoted(c.art.c_str()) +
+                      ",\"source\":" + quoted(c.source.c_str()) + ",\"tracks\":[";
+    for (size_t i = 0; i < c.tracks.size(); i++)
+        out += (i ? "," : "") + quoted(c.tracks[i].c_str());
+    r.reply->text = keep(out + "]}");
+}
+
+void webLookupDisc(const Request& r) {
+    if (testUnitReady() != CD_READY) {
+        r.reply->text = "[]";
+        return;
+    }
+    restartLookup();
+    r.reply->text = "\"OK\"";
+}
+
+// The address is the request's last parameter: it may hold "&" of its own.
+std::string urlParameter(const Request& r) {
+    const char* v = findParameter(r.uri, "&url=");
+    if (!v) return "";
+    std::vector<char> buffer(strlen(v) + 1);
+    stripPercentagesFromURLTail(buffer.data(), v, buffer.size());
+    return buffer.data();
+}
+
+void webArtURL(const Request& r) {
+    setArtURL(urlParameter(r));
+    r.reply->text = "\"OK\"";
+}
+
+void webGetArtFromURL(const Request& r) {
+    std::string url = urlParameter(r);
+    r.reply->text = "false";
+    if (url.empty() || testUnitReady() != CD_READY) return;
+    int album = findRippedAlbum(computeDiscId(currentToc()));
+    if (album < 0) return;
+    kzLog("Fetching cover art from %s\n", url.c_str());
+    if (fetchCoverArt(url, getAlbumPath(album) + "/coverart.jpg")) r.reply->text = "true";
+}
+
 void webGetDiscid(const Request& r) {
     if (testUnitReady() != CD_READY) {
         r.reply->text = "[]";
@@ -962,8 +1011,8 @@ const Command commands[] = {
     {"getAlbumArt", webGetAlbumArt},
     {"getCurrentArtPath", webGetCurrentArtPath},
     {"getCurrentArt", webGetCurrentArt},
-    {"artURL", webNotBuilt},
-    {"getArtFromURL", webNotBuilt},
+    {"artURL", webArtURL},
+    {"getArtFromURL", webGetArtFromURL},
     {"getBluetoothStatus", webNotBuilt},
     {"listDevices", webNotBuilt},
     {"scanBluetooth", webNotBuilt},
@@ -1020,6 +1069,8 @@ const Command commands[] = {
     // Not among the appliance's own commands: taken only when no name above
     // is in the URI.
     {"setClassical", webSetClassical},
+    {"getCandidate", webGetCandidate},
+    {"lookupDisc", webLookupDisc},
 };
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "playback/control.h"
 #include "playback/output.h"
 #include "ripping/cdrom.h"
+#include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "web/web.h"
 
@@ -214,6 +215,7 @@ std::string getWebStatusCore(bool full) {
     addText(out, "zone", "");
     out += ",\"sonos\":[],\"sonosActive\":[]";
     if (full) out += ",\"vu\":[0,0,0,0,0,0,0,0,0,0]";
+    addText(out, "lookup", cd == CD_READY ? lookupState().c_str() : "");
     out += "}";
     return out;
 }

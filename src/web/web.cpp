@@ -28,6 +28,7 @@
 #include "playback/playback.h"
 #include "playback/resample.h"
 #include "playback/smartbuffer.h"
+#include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "web/commands.h"
 #include "web/params.h"
@@ -160,6 +161,8 @@ void webBlob(const char* uri, FcgiReply* reply) {
 void startFromRipMetadata(bool newRip) {
     RipNames names;
     if (!readRipMetadata(hostPath("/tmp/ripMetadata"), &names)) return;
+    // Typed names are the best there are for this disc: kept for next time.
+    rememberTypedNames(names);
     if (newRip) {
         setUploadedRipNames(names);
         ripUserChoice = -1;
