@@ -64,9 +64,11 @@ export function makeDisc(dir, trackSeconds) {
 }
 
 export class Stack {
-  // prepare(musicDir) may add files to the library before the daemon starts.
-  static async start({ prepare, discTracks = [20, 20] } = {}) {
+  // prepare(musicDir) may add files to the library before the daemon starts;
+  // env adds to the daemon's environment (the lookup services' addresses).
+  static async start({ prepare, discTracks = [20, 20], env } = {}) {
     const stack = new Stack();
+    stack.env = env;
     stack.root = mkdtempSync(join(tmpdir(), 'kz-browser-'));
     try {
       await stack.#start(prepare, discTracks);
@@ -91,7 +93,12 @@ export class Stack {
 
     this.lines = [];
     this.waiters = [];
-    const env = { ...process.env, KZ_ROOT: this.root, KZ_PCM: 'null', KZ_CDROM: cue };
+    // The disc lookup's services stay off (no test reaches the internet)
+    // unless the test hands in local stand-ins.
+    const env = {
+      ...process.env, KZ_ROOT: this.root, KZ_PCM: 'null', KZ_CDROM: cue,
+      KZ_MUSICBRAINZ: '', KZ_CDDB: '', KZ_COVERART: '', ...(this.env || {}),
+    };
     delete env.KZ_VERBOSE;
     this.daemon = spawn(KZ_BIN, [], { env, stdio: ['ignore', 'pipe', 'pipe'] });
     // A run that is cut short (a time-out, Ctrl-C) takes its processes along.
