@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -79,10 +80,14 @@ std::vector<Candidate> parseMusicBrainzReply(const std::string& xml, const std::
     XMLResults results;
     std::unique_ptr<XMLNode> root(XMLRootNode::parseString(xml, &results));
     if (!root || results.code != eXMLErrorNone) {
-        kzLog("MusicBrainz reply is not XML (%s)\n", results.message.c_str());
+        std::string why = results.message.substr(0, results.message.find('\n'));
+        kzLog("MusicBrainz reply is not XML (%s)\n", why.c_str());
         return out;
     }
-    XMLNode node = root->getChildNode("metadata");
+    // The document's element is <metadata> itself.
+    XMLNode node = *root;
+    if (!node.getName() || strcmp(node.getName(), "metadata") != 0)
+        node = root->getChildNode("metadata");
     if (node.isEmpty()) {
         kzLog("MusicBrainz reply has no metadata\n");
         return out;
