@@ -98,7 +98,9 @@ std::vector<Candidate> lookupCddb(const DiscKey& key, int timeoutSeconds) {
     cddb_set_http_path_query(conn.get(), address.path.c_str());
     cddb_set_timeout(conn.get(), static_cast<unsigned>(timeoutSeconds));
     cddb_set_client(conn.get(), "kz", KZ_VERSION);
-    cddb_set_charset(conn.get(), "UTF-8");
+    // No cddb_set_charset: level 6 replies are UTF-8 already, and libcddb's
+    // conversion frees a pointer it does not own on some replies (found by
+    // fuzzing), which would take the daemon down.
 
     for (int offset : key.offsets) {
         cddb_track_t* t = cddb_track_new();

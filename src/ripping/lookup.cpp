@@ -153,6 +153,12 @@ bool saveTree(const std::string& path, cJSON* root) {
 cJSON* discEntry(cJSON* root, const DiscKey& key) {
     cJSON* discs = cJSON_GetObjectItem(root, "discs");
     cJSON* entry = cJSON_GetObjectItemCaseSensitive(discs, key.discid.c_str());
+    // A hand-edited entry that is not an object is replaced, not written into.
+    if (entry && !cJSON_IsObject(entry)) {
+        kzLog("Disc database entry %s is damaged: replaced\n", key.discid.c_str());
+        cJSON_DeleteItemFromObjectCaseSensitive(discs, key.discid.c_str());
+        entry = nullptr;
+    }
     if (!entry) entry = cJSON_AddObjectToObject(discs, key.discid.c_str());
     char id[16];
     snprintf(id, sizeof id, "%08X", key.cddbId);

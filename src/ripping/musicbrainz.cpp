@@ -17,9 +17,12 @@
 #include <musicbrainz5/Track.h>
 #include <musicbrainz5/TrackList.h>
 #include <musicbrainz5/xmlParser.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -77,6 +80,17 @@ struct Ranked {
 std::vector<Candidate> parseMusicBrainzReply(const std::string& xml, const std::string& discid,
                                              int trackCount) {
     std::vector<Candidate> out;
+    // libmusicbrainz5's parser dereferences a document that has no element
+    // (an empty or truncated reply): only a well-formed one goes on to it.
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(std::min<size_t>(xml.size(), INT_MAX)),
+                                  "reply.xml", nullptr,
+                                  XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    bool wellFormed = doc && xmlDocGetRootElement(doc);
+    if (doc) xmlFreeDoc(doc);
+    if (!wellFormed) {
+        kzLog("MusicBrainz reply is not XML (%d bytes)\n", static_cast<int>(xml.size()));
+        return out;
+    }
     XMLResults results;
     std::unique_ptr<XMLNode> root(XMLRootNode::parseString(xml, &results));
     if (!root || results.code != eXMLErrorNone) {

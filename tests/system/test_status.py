@@ -11,7 +11,9 @@ REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
              "cddbmatches", "discid", "time", "volume", "random", "sorted", "reversed",
              "background", "compression", "logging", "segue", "tvui", "guest", "guestPlaylist",
              "hdmi", "airable", "vCache", "equaliser", "bass", "treble", "DLNA", "breadcrumbs",
-             "alert", "zone", "sonos", "sonosActive", "vu"]
+             "alert", "zone", "sonos", "sonosActive", "vu",
+             # Added keys come after the appliance's own.
+             "lookup"]
 SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
 
 
