@@ -143,6 +143,17 @@ def test_candidates_rip_offline_and_typed_names(daemon, tmp_path):
         assert (album / "coverart.jpg").read_bytes() == JPEG
         assert (album / "discid").read_text().split("\n")[0] == disc["id"]
 
+        # Another cover for the ripped album, by address: only an image replaces it.
+        other = JPEG[:-2] + b"another" + b"\xff\xd9"
+        services.covers["alt"], services.covers["junk"] = other, b"<html>no</html>"
+        url = lambda mbid: urllib.parse.quote(f"{services.base}/release/{mbid}/front-500", safe="")
+        assert kz.raw("getArtFromURL&url=" + url("junk")) == b"false"
+        assert kz.raw("getArtFromURL&url=" + url("nothing-here")) == b"false"
+        assert (album / "coverart.jpg").read_bytes() == JPEG
+        assert kz.raw("getArtFromURL&url=" + url("alt")) == b"true"
+        assert (album / "coverart.jpg").read_bytes() == other
+        assert not [p for p in album.iterdir() if p.name.startswith("coverart.jpg.")]
+
         # The offline database is readable JSON holding what the services said.
         kept = json.loads((root / "media" / "hdd1" / "kzdiscs").read_text())
         assert kept["discs"][disc["id"]]["cddb"] == disc["cddb"].upper()
