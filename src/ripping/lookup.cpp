@@ -41,19 +41,33 @@ std::string envAddress(const char* name, const char* fallback) {
 }
 
 // One lookup at a time; a newer disc makes an older lookup's answer stale.
-std::mutex stateMutex;
-std::condition_variable stateChanged;
-std::vector<Candidate> candidates;
-std::string state;  // "", "looking", "done"
-unsigned generation = 0;
-DiscKey currentKey;
-std::string artOverride;
-// The main loop clears the disc id right after starting a lookup for a disc
-// that has just become readable: that clear belongs to the disc before.
-bool justStarted = false;
-
-// Serializes the database's read-change-write.
-std::mutex databaseMutex;
+// Never destroyed: a lookup thread may still be waiting on a service when
+// the daemon exits.
+struct Shared {
+    std::mutex stateMutex;
+    std::condition_variable stateChanged;
+    std::vector<Candidate> candidates;
+    std::string state;  // "", "looking", "done"
+    unsigned generation = 0;
+    DiscKey currentKey;
+    std::string artOverride;
+    // The main loop clears the disc id right after starting a lookup for a
+    // disc that has just become readable: that clear belongs to the disc
+    // before.
+    bool justStarted = false;
+    // Serializes the database's read-change-write.
+    std::mutex databaseMutex;
+};
+Shared& shared = *new Shared;
+std::mutex& stateMutex = shared.stateMutex;
+std::condition_variable& stateChanged = shared.stateChanged;
+std::vector<Candidate>& candidates = shared.candidates;
+std::string& state = shared.state;
+unsigned& generation = shared.generation;
+DiscKey& currentKey = shared.currentKey;
+std::string& artOverride = shared.artOverride;
+bool& justStarted = shared.justStarted;
+std::mutex& databaseMutex = shared.databaseMutex;
 
 std::string cut(std::string s) {
     if (s.size() > kMaxNameBytes) {
