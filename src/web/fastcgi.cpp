@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -61,10 +62,34 @@ std::string headerLine(const char* contentType) {
     return line;
 }
 
+thread_local std::chrono::steady_clock::time_point receiveDeadline =
+    std::chrono::steady_clock::time_point::max();
+constexpr auto kReceiveTime = std::chrono::seconds(5);
+
+// recv, waiting no longer than the per-receive time-out or what is left
+// before the request's deadline; a passed deadline reads as a closed peer.
+ssize_t receive(int fd, void* p, size_t len, int flags) {
+    auto wait = std::chrono::duration_cast<std::chrono::microseconds>(kReceiveTime);
+    if (receiveDeadline != std::chrono::steady_clock::time_point::max()) {
+        auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            receiveDeadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            kzLog("getFcgiRecord () request not complete in time: connection dropped\n");
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        wait = std::min(wait, left);
+    }
+    timeval t = {static_cast<time_t>(wait.count() / 1000000),
+                 static_cast<suseconds_t>(wait.count() % 1000000)};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t);
+    return recv(fd, p, len, flags);
+}
+
 size_t recvAll(int fd, uint8_t* p, size_t len, bool* closed) {
     size_t got = 0;
     while (got < len) {
-        ssize_t n = recv(fd, p + got, len - got, 0);
+        ssize_t n = receive(fd, p + got, len - got, 0);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             *closed = true;
@@ -77,14 +102,23 @@ size_t recvAll(int fd, uint8_t* p, size_t len, bool* closed) {
 
 }  // namespace
 
+void setFcgiReceiveDeadline(std::chrono::steady_clock::time_point deadline) {
+    receiveDeadline = deadline;
+}
+
 int getFcgiRecord(int fd, uint8_t* buffer, int* length) {
     uint8_t h[8];
     bool closed = false;
     ssize_t n;
+    size_t have = 0;
+    // Byte by byte as they come: each wait is bounded by the deadline.
     do {
-        n = recv(fd, h, 8, MSG_WAITALL);
-    } while (n < 0 && errno == EINTR);
+        n = receive(fd, h + have, 8 - have, 0);
+        if (n > 0) have += static_cast<size_t>(n);
+    } while ((n < 0 && errno == EINTR) || (n > 0 && have < 8));
+    if (have == 8) n = 8;
     if (n != 8) {
+        if (have > 0) n = static_cast<ssize_t>(have);
         if (n != 0)
             kzLog("getFcgiRecord () header wrong expected 8 bytes got = %d\n", static_cast<int>(n));
         *length = 0;

@@ -3,6 +3,8 @@
 // parameters, and replies as STDOUT records ended by END_REQUEST.
 #pragma once
 
+#include <chrono>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -22,6 +24,11 @@ constexpr int kFcgiParamSize = 2000;
 // Reads one record's content into buffer (kFcgiBufferSize bytes). Returns its
 // type, or 0 at the end of the connection or on any error.
 int getFcgiRecord(int fd, uint8_t* buffer, int* length);
+// Until a request has been read up to its dispatch, the client has this
+// long in all (a client sending a byte every few seconds would otherwise
+// hold the only listener for good); a body then streams on with only the
+// per-receive time-out. max() lifts the deadline.
+void setFcgiReceiveDeadline(std::chrono::steady_clock::time_point deadline);
 
 // The parameters this responder cares about.
 struct FcgiParams {

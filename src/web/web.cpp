@@ -296,6 +296,8 @@ void fastConnectionHandler(int fd) {
     bool deferred = false;
     std::string deferredText;
     int length = 0;
+    auto requestTime = [] { return std::chrono::steady_clock::now() + std::chrono::seconds(5); };
+    setFcgiReceiveDeadline(requestTime());
     while (fwthreadEnabled) {
         int type = getFcgiRecord(fd, w.fastDataBuffer, &length);
         if (type == 0) break;
@@ -306,11 +308,15 @@ void fastConnectionHandler(int fd) {
             webDispatch(w.params.requestUri, &reply);
             if (w.params.contentLength > 0) {
                 // The web server stops forwarding a body once the reply has
-                // ended: answer only after the whole body has come.
+                // ended: answer only after the whole body has come. A body
+                // (an upload, browser audio) may take long: from here only
+                // each receive is timed.
+                setFcgiReceiveDeadline(std::chrono::steady_clock::time_point::max());
                 deferred = true;
                 deferredText = reply.blob ? std::string(reply.text, reply.blobLength) : reply.text;
             } else {
                 fcgiReply2(fd, reply);
+                setFcgiReceiveDeadline(requestTime());
             }
         } else if (type == FCGI_STDIN) {
             if (w.stdinParser.receivingFiles()) markUploadUnderWay();
@@ -320,9 +326,11 @@ void fastConnectionHandler(int fd) {
                 deferred = false;
                 reply.text = deferredText.c_str();
                 fcgiReply2(fd, reply);
+                setFcgiReceiveDeadline(requestTime());
             }
         }
     }
+    setFcgiReceiveDeadline(std::chrono::steady_clock::time_point::max());
     w.stdinParser.connectionEnded();
 }
 

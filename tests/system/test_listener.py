@@ -50,6 +50,40 @@ def test_idle_and_non_reading_clients_release_the_listener(web):
     stuck.close()
     assert waited < 12, f"a client that never read held the listener {waited:.1f} s"
 
+    # A client that sends its request a byte a second (each record's header
+    # whole, its content dripping): each byte comes well within the receive
+    # time-out, but the request as a whole must not take more than about 5 s.
+    trickle = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    trickle.connect(str(path))
+    request = fcgi.request("/api/status")
+    pieces, at = [], 0
+    while at < len(request):
+        size = int.from_bytes(request[at + 4:at + 6], "big") + request[at + 6]
+        pieces.append(request[at:at + 8])
+        pieces += [bytes([b]) for b in request[at + 8:at + 8 + size]]
+        at += 8 + size
+    stop = threading.Event()
+
+    def drip():
+        for piece in pieces:
+            if stop.is_set():
+                return
+            try:
+                trickle.send(piece)
+            except OSError:
+                return
+            time.sleep(1)
+
+    dripper = threading.Thread(target=drip)
+    dripper.start()
+    time.sleep(0.5)
+    waited = status_time(path)
+    stop.set()
+    dripper.join()
+    trickle.close()
+    assert waited < 8, f"a trickling client held the listener {waited:.1f} s"
+    assert any("request not complete in time" in l for l in d.lines)
+
     # The cover itself still arrives whole for a client that reads it.
     body = fcgi.stdout_of(fcgi.call(path, fcgi.request("/api/getAlbumArt&id=1000000")))
     assert body.endswith(b"\xff" * 3_000_000)
