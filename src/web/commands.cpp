@@ -9,6 +9,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -858,8 +860,16 @@ void webGetArtFromURL(const Request& r) {
     if (url.empty() || testUnitReady() != CD_READY) return;
     int album = findRippedAlbum(computeDiscId(currentToc()));
     if (album < 0) return;
+    std::string path = getAlbumPath(album) + "/coverart.jpg";
     kzLog("Fetching cover art from %s\n", url.c_str());
-    if (fetchCoverArt(url, getAlbumPath(album) + "/coverart.jpg")) r.reply->text = "true";
+    // A slow image server must not hold the only listener: fetched aside,
+    // and written only once it is whole and an image.
+    try {
+        std::thread([url, path] { fetchCoverArt(url, path); }).detach();
+        r.reply->text = "true";
+    } catch (const std::system_error&) {
+        kzLog("getArtFromURL failed to create its thread\n");
+    }
 }
 
 void webGetDiscid(const Request& r) {

@@ -147,11 +147,13 @@ def test_candidates_rip_offline_and_typed_names(daemon, tmp_path):
         other = JPEG[:-2] + b"another" + b"\xff\xd9"
         services.covers["alt"], services.covers["junk"] = other, b"<html>no</html>"
         url = lambda mbid: urllib.parse.quote(f"{services.base}/release/{mbid}/front-500", safe="")
-        assert kz.raw("getArtFromURL&url=" + url("junk")) == b"false"
-        assert kz.raw("getArtFromURL&url=" + url("nothing-here")) == b"false"
+        assert kz.raw("getArtFromURL&url=" + url("junk")) == b"true"
+        kz.d.wait_for("junk/front-500 is not an image")
+        assert kz.raw("getArtFromURL&url=" + url("nothing-here")) == b"true"
+        kz.d.wait_for("nothing-here/front-500 not fetched: HTTP 404")
         assert (album / "coverart.jpg").read_bytes() == JPEG
         assert kz.raw("getArtFromURL&url=" + url("alt")) == b"true"
-        assert (album / "coverart.jpg").read_bytes() == other
+        kz.until(lambda: (album / "coverart.jpg").read_bytes() == other, 10, "the new cover")
         assert not [p for p in album.iterdir() if p.name.startswith("coverart.jpg.")]
 
         # The offline database is readable JSON holding what the services said.
