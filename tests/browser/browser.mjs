@@ -10,3 +10,23 @@ export function launch() {
     args: ['--no-sandbox', '--disable-gpu', '--disable-background-networking'],
   });
 }
+
+// What a person would trip over on a page: something wider than the screen
+// (a sideways scroll on a phone) or a control with no name to read out.
+export function layoutProblems(page) {
+  return page.evaluate(() => {
+    const found = [];
+    const visible = (el) => el.offsetParent !== null || getComputedStyle(el).position === 'fixed';
+    for (const el of document.querySelectorAll('main *, .tabs, .top *')) {
+      if (!visible(el) || el.closest('.sr-only')) continue;
+      const r = el.getBoundingClientRect();
+      if (r.right > innerWidth + 1) found.push(`wider than the screen: ${el.tagName}#${el.id}.${el.className}`);
+    }
+    for (const el of document.querySelectorAll('button, a[href], input, select, textarea, summary')) {
+      if (!visible(el)) continue;
+      const named = el.getAttribute('aria-label') || el.textContent.trim() || el.labels?.length || el.title;
+      if (!named) found.push(`no name: ${el.outerHTML.slice(0, 80)}`);
+    }
+    return found;
+  });
+}

@@ -6,7 +6,7 @@ import { mkdirSync, readFileSync, existsSync, mkdtempSync, rmSync, writeFileSync
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
 import { Stack, TOP, makeTone } from './stack.mjs';
-import { launch, PHONE, DESKTOP } from './browser.mjs';
+import { launch, layoutProblems, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
 const PAGING_TRACKS = 130;
@@ -326,21 +326,7 @@ describe('web pages', () => {
         await p.goto(`${stack.base}/#/${view}`);
         await p.locator(`#view-${view.split('/')[0]}`).waitFor();
         await p.waitForLoadState('networkidle');
-        const problems = await p.evaluate(() => {
-          const found = [];
-          const visible = (el) => el.offsetParent !== null || getComputedStyle(el).position === 'fixed';
-          for (const el of document.querySelectorAll('main *, .tabs, .top *')) {
-            if (!visible(el) || el.closest('.sr-only')) continue;
-            const r = el.getBoundingClientRect();
-            if (r.right > innerWidth + 1) found.push(`wider than the screen: ${el.tagName}#${el.id}.${el.className}`);
-          }
-          for (const el of document.querySelectorAll('button, a[href], input, select, textarea')) {
-            if (!visible(el)) continue;
-            const named = el.getAttribute('aria-label') || el.textContent.trim() || el.labels?.length || el.title;
-            if (!named) found.push(`no name: ${el.outerHTML.slice(0, 80)}`);
-          }
-          return found;
-        });
+        const problems = await layoutProblems(p);
         assert.deepEqual(problems, [], `${view} on a ${size}`);
         const file = view.replace(/\/(\d+)$/, '').replace(/\//g, '-');
         await p.screenshot({ path: join(SHOTS, `${file}-${size}.png`), fullPage: size === 'phone', animations: 'disabled' });

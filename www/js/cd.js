@@ -2,7 +2,7 @@
 // progress, and the ripped album once it is in the library.
 import { call } from './api.js';
 import { state, subscribe, pollNow } from './status.js';
-import { emit, h, icon, rowText, toast } from './ui.js';
+import { cover, emit, h, icon, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -83,45 +83,112 @@ function renderDisc() {
   $('cd-names').hidden = !loaded || ripping;
   $('cd-empty').hidden = loaded || ripping;
   renderProgress();
+  renderLookup(loaded);
   const disc = loaded ? state.discid || 'disc' : null;
   if (disc !== lastDisc) {
     lastDisc = disc;
-    if (disc) loadNames();
+    if (disc) fillTrackCount();
+  }
+  // The candidates are read again whenever the lookup's answer changes:
+  // it ends after the disc is seen, and again after "Look up again".
+  const answer = loaded ? `${disc} ${state.lookup || ''} ${state.cddbmatches}` : null;
+  if (answer !== lastAnswer) {
+    lastAnswer = answer;
+    if (loaded) loadCandidates();
+    else $('cd-candidates').replaceChildren();
   }
 }
 
-// Names from the disc lookup, when it found any, to rip with.
-async function loadNames() {
-  const box = $('cd-candidates');
-  const count = Number(state.cddbmatches);
+let lastAnswer = null;
+let loading = 0;
+
+function renderLookup(loaded) {
+  const looking = loaded && state.lookup === 'looking';
+  const none = loaded && state.lookup === 'done' && Number(state.cddbmatches) === 0;
+  $('cd-lookup').hidden = !looking && !none;
+  $('cd-lookup-text').textContent = looking ? 'Looking up the disc…' : none ? 'No match found for this disc.' : '';
+  $('cd-lookup-again').hidden = !none;
+}
+
+async function fillTrackCount() {
   const info = await call('getDiscid').catch(() => undefined);
   if (info && Number(info.tracks) > 0 && !$('rip-tracks').value.trim()) {
     $('rip-tracks').value = Array.from({ length: Number(info.tracks) }, (_, i) => `Track ${i + 1}`).join('\n');
   }
+}
+
+// "getCandidate" has the year, genre and source too; a daemon without it
+// answers "[]" and the shorter "getCDDB" reply is used instead.
+async function candidate(i) {
+  const c = await call('getCandidate', { index: i }).catch(() => undefined);
+  if (c && typeof c === 'object' && !Array.isArray(c)) return c;
+  const d = await call('getCDDB', { index: i }).catch(() => undefined);
+  return d && typeof d === 'object' && !Array.isArray(d) ? d : null;
+}
+
+const SOURCES = { typed: 'your names', musicbrainz: 'MusicBrainz', cddb: 'CDDB' };
+
+// Names from the disc lookup, when it found any, to rip with.
+async function loadCandidates() {
+  const box = $('cd-candidates');
+  const mine = ++loading;
+  const count = Number(state.cddbmatches);
   if (!(count > 0)) {
     box.replaceChildren();
     return;
   }
   const found = [];
   for (let i = 1; i <= Math.min(count, 10); i++) {
-    const c = await call('getCDDB', { index: i }).catch(() => undefined);
-    if (c && typeof c === 'object') found.push([i, c]);
+    const c = await candidate(i);
+    if (mine !== loading) return;
+    if (c) found.push([i, c]);
   }
   box.replaceChildren(
-    h('h3', { text: 'Names found for this disc' }),
+    h('h2', { text: 'Names found for this disc' }),
+    h('ul', { class: 'rows candidates' }, found.map(([i, c]) => candidateRow(i, c))),
+  );
+}
+
+function candidateRow(i, c) {
+  const tracks = Array.isArray(c.tracks) ? c.tracks.map(String) : [];
+  const artist = String(c.artist || '');
+  const album = String(c.album || '');
+  const meta = [artist, c.year, c.genre, `${tracks.length} tracks`, SOURCES[c.source]].filter(Boolean).join(' · ');
+  return h(
+    'li',
+    { class: 'row candidate' },
+    c.art ? cover(String(c.art), 'thumb') : h('span', { class: 'art thumb' }, icon('disc')),
     h(
-      'ul',
-      { class: 'rows' },
-      found.map(([i, c]) =>
-        h(
-          'li',
-          { class: 'row candidate' },
-          h('div', { class: 'row-main static' }, rowText(`${c.artist} — ${c.album}`, `${(c.tracks || []).length} tracks`)),
-          h('span', { class: 'row-actions' }, h('button', { type: 'button', class: 'btn primary', onclick: () => rip(i), 'aria-label': `Rip as ${c.artist}, ${c.album}` }, icon('disc'), 'Rip')),
-        ),
+      'div',
+      { class: 'row-main static' },
+      h(
+        'span',
+        { class: 'text' },
+        h('span', { class: 'name', text: album }),
+        h('span', { class: 'meta', text: meta }),
+        tracks.length ? h('details', {}, h('summary', { text: 'Track names' }), h('ol', { class: 'track-names' }, tracks.map((t) => h('li', { text: t })))) : null,
       ),
     ),
+    h(
+      'span',
+      { class: 'row-actions' },
+      h('button', { type: 'button', class: 'btn', onclick: () => edit(c), 'aria-label': `Edit ${artist}, ${album}` }, icon('edit'), 'Edit'),
+      h('button', { type: 'button', class: 'btn primary', onclick: () => rip(i), 'aria-label': `Rip as ${artist}, ${album}` }, icon('disc'), 'Rip'),
+    ),
   );
+}
+
+// Puts a candidate's names into the form, to correct before ripping.
+function edit(c) {
+  $('rip-artist').value = String(c.artist || '');
+  $('rip-album').value = String(c.album || '');
+  $('rip-year').value = /^\d{4}$/.test(String(c.year || '')) ? String(c.year) : '';
+  $('rip-genre').value = String(c.genre || '');
+  $('rip-art').value = String(c.art || '');
+  $('rip-tracks').value = (Array.isArray(c.tracks) ? c.tracks : []).map(String).join('\n');
+  $('rip-form').scrollIntoView({ block: 'start' });
+  $('rip-artist').focus({ preventScroll: true });
+  toast('The names are in the form: correct them, then rip');
 }
 
 // The album count is taken before the rip starts: a short disc can be in
@@ -194,6 +261,10 @@ export function init() {
     sendNames('newRip');
   });
   $('rip-reindex').addEventListener('click', () => sendNames('reindex'));
+  $('cd-lookup-again').addEventListener('click', async () => {
+    await call('lookupDisc').catch(() => {});
+    pollNow(300);
+  });
 }
 
 export function show() {
