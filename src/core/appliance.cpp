@@ -3,6 +3,8 @@
 #include <atomic>
 #include <chrono>
 
+#include "ripping/compress.h"
+
 void init_fonts() {}
 void initJpeg() {}
 void oled_init() {}
@@ -83,6 +85,6 @@ bool uploadUnderWay() {
 bool doingSomethingInBackground() {
     // An upload arrives in pieces with pauses between them: the appliance
     // must not fall asleep in the middle of one.
-    return uploadUnderWay();
+    return uploadUnderWay() || isCompressing();
 }
 void stopBackgroundJobs() {}

@@ -15,7 +15,7 @@
 #include "core/paths.h"
 
 pid_t spawnChild(const std::string& program, const std::vector<std::string>& argv, int errFd,
-                 bool searchPath) {
+                 bool searchPath, int outFd) {
     std::vector<char*> args;
     for (const std::string& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
@@ -42,6 +42,7 @@ pid_t spawnChild(const std::string& program, const std::vector<std::string>& arg
         // ffmpeg reads keys from standard input; the daemon's is not for it.
         if (devNull >= 0) dup2(devNull, 0);
         if (errFd >= 0) dup2(errFd, 2);
+        if (outFd >= 0) dup2(outFd, 1);
         // Nothing else of ours: a decoder holding another fifo's write end
         // would keep that fifo's reader from ever seeing its end. The report
         // pipe goes on exec by itself.

@@ -14,8 +14,9 @@
 // itself. The child is killed when the thread that started it ends, so a
 // daemon that dies leaves no decoder behind. searchPath looks the program up
 // in PATH. Returns the pid, or -1 with errno set when it could not be run.
+// outFd (when >= 0) becomes its standard output.
 pid_t spawnChild(const std::string& program, const std::vector<std::string>& argv, int errFd,
-                 bool searchPath);
+                 bool searchPath, int outFd = -1);
 
 // Runs the program and waits for it. Returns its exit status, or -1 when it
 // could not be started or did not exit normally.

@@ -21,6 +21,7 @@
 #include "library/settings.h"
 #include "playback/output.h"
 #include "playback/playback.h"
+#include "ripping/compress.h"
 #include "ripping/ripper.h"
 #include "web/web.h"
 
@@ -41,6 +42,8 @@ struct ExitPlan {
 };
 
 void runExitSteps(const ExitPlan& plan) {
+    // A track half encoded is given up; tracks done wait in the journal.
+    stopCompression();
     scrollOff();
     oled_cls();
     if (plan.screenText) simpleDisplayString(plan.screenText);

@@ -22,6 +22,7 @@ namespace {
 constexpr int kLineSize = 250;
 
 std::atomic<int> rebuilds{0};
+std::atomic<int> loads{0};
 
 // One album block; false when its track count is missing.
 // The end of the file ends the read: a truncated file adds no phantom
@@ -166,6 +167,10 @@ bool libraryRebuilding() {
     return rebuilds > 0;
 }
 
+int libraryLoadCount() {
+    return loads;
+}
+
 int writeDB() {
     kzLog("writeDB ()\n");
     std::string path = getDBPath();
@@ -238,6 +243,7 @@ void loadOrScan() {
     loadPlaylists();
     requestRedraw("loadOrScan");
     scanLocalEnabled = 0;
+    loads++;
     kzLog("loadOrScan () finished\n");
 }
 

@@ -24,6 +24,8 @@ int writeDB();
 void beginLibraryRebuild();
 void endLibraryRebuild();
 bool libraryRebuilding();
+// How many times load-or-scan has finished: 0 until the library is first there.
+int libraryLoadCount();
 void saveDBifChanged();
 // Saves on a thread of its own; true when the thread was started.
 bool postWriteDB();

@@ -19,6 +19,7 @@
 #include "library/scan.h"
 #include "library/sorting.h"
 #include "ripping/cdrom.h"
+#include "ripping/compress.h"
 #include "ripping/lookup.h"
 #include "ripping/wav.h"
 
@@ -280,6 +281,8 @@ int ripAlbum(CdDrive& drive, const CdHeader& header) {
         break;
     }
     saveDBifChanged();
+    // Its tracks are WAVs: the compression job takes them from here.
+    kickCompression();
     return result;
 }
 
@@ -288,7 +291,6 @@ int ripAlbum(CdDrive& drive, const CdHeader& header) {
 void initRipper() {
     clearProgress();
 }
-void initCompression() {}
 void initFLAC() {}
 
 void rip() {

@@ -32,7 +32,6 @@ extern int cdFramesPerRead;
 extern int driveSpeed;
 
 void initRipper();
-void initCompression();
 void initFLAC();
 // Starts the rip thread; 1 when started.
 int startRip();

@@ -29,6 +29,7 @@
 #include "library/sorting.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "ripping/compress.h"
 #include "ripping/cdrom.h"
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
@@ -142,7 +143,10 @@ void webSetCompression(const Request& r) {
     std::string w = settingWord(r);
     const char* names[] = {"flac", "mp3 128k", "mp3 256k", "none", "flac+mp3"};
     for (int i = 0; i < 5; i++) {
-        if (strcasecmp(w.c_str(), names[i]) == 0) setCompressionMode(i);
+        if (strcasecmp(w.c_str(), names[i]) == 0) {
+            setCompressionMode(i);
+            kickCompression();
+        }
     }
     r.reply->text = "[]";
 }
@@ -831,6 +835,13 @@ void webGetCandidate(const Request& r) {
     r.reply->text = keep(out + "]}");
 }
 
+// Starts the compression job over the library now (also after it paused
+// for a full disk); the status's "background" follows it.
+void webCompressNow(const Request& r) {
+    kickCompression();
+    r.reply->text = "\"OK\"";
+}
+
 void webLookupDisc(const Request& r) {
     if (testUnitReady() != CD_READY) {
         r.reply->text = "[]";
@@ -1081,6 +1092,7 @@ const Command commands[] = {
     {"setClassical", webSetClassical},
     {"getCandidate", webGetCandidate},
     {"lookupDisc", webLookupDisc},
+    {"compressNow", webCompressNow},
 };
 
 }  // namespace

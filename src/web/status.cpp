@@ -14,6 +14,7 @@
 #include "playback/control.h"
 #include "playback/output.h"
 #include "ripping/cdrom.h"
+#include "ripping/compress.h"
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "web/web.h"
@@ -196,7 +197,7 @@ std::string getWebStatusCore(bool full) {
     add(out, ",\"random\":\"%d\"", getRandomMode());
     add(out, ",\"sorted\":\"%d\"", isSorted() ? 1 : 0);
     add(out, ",\"reversed\":\"%d\"", isReversed() ? 1 : 0);
-    addText(out, "background", "");
+    addText(out, "background", compressionStatusText().c_str());
     addText(out, "compression", getCompressionText());
     addText(out, "logging", getLoggingText());
     addText(out, "segue", getSegueText());

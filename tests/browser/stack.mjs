@@ -66,9 +66,10 @@ export function makeDisc(dir, trackSeconds) {
 export class Stack {
   // prepare(musicDir) may add files to the library before the daemon starts;
   // env adds to the daemon's environment (the lookup services' addresses).
-  static async start({ prepare, discTracks = [20, 20], env } = {}) {
+  static async start({ prepare, discTracks = [20, 20], env, compression = 'None' } = {}) {
     const stack = new Stack();
     stack.env = env;
+    stack.compression = compression;
     stack.root = mkdtempSync(join(tmpdir(), 'kz-browser-'));
     try {
       await stack.#start(prepare, discTracks);
@@ -84,6 +85,8 @@ export class Stack {
     this.music = join(hdd, 'music');
     mkdirSync(this.music, { recursive: true });
     run(join(TOP, 'scripts', 'make-demo-library'), [hdd]);
+    // The pages' tests keep their WAVs as made unless they ask for compression.
+    writeFileSync(join(hdd, 'kzsettings'), `Compression\n${this.compression}\n`);
     if (prepare) await prepare(this.music);
     const cue = makeDisc(this.root, discTracks);
 

@@ -8,10 +8,10 @@ def daemon(tmp_path):
     """Starts kz in tmp_path/root; every daemon started is killed at the end."""
     started = []
 
-    def start(root=None, env=None):
+    def start(root=None, env=None, compression="None", command=None):
         root = root or tmp_path / "root"
         root.mkdir(exist_ok=True)
-        d = Daemon(root, env)
+        d = Daemon(root, env, compression, command)
         started.append(d)
         return d
 

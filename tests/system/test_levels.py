@@ -68,7 +68,7 @@ def test_volume_and_tone_change_the_level_heard(daemon, tmp_path, hires):
     make_track(hdd / "music")
     if hires:
         # Read from the settings at start-up (and not written back).
-        (hdd / "kzsettings").write_text("Hires\n1\n")
+        (hdd / "kzsettings").write_text("Compression\nNone\nHires\n1\n")
     rate, width = (96000, 4) if hires else (44100, 2)
     frame = 2 * width
     d = daemon(root, env={"KZ_PCM": f"file:FILE={raw},FORMAT=raw"})

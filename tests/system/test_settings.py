@@ -24,7 +24,7 @@ def test_quit_writes_default_settings_and_keeps_them(daemon, tmp_path):
     root = tmp_path / "root"
     hdd = root / "media" / "hdd1"
     hdd.mkdir(parents=True)
-    d = daemon(root)
+    d = daemon(root, compression=None)
     d.wait_for("loadOrScan () finished")
     assert d.stop(signal.SIGTERM) == 0
     assert "loadSettings failed saving defaults!" in d.lines
