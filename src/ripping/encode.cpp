@@ -71,6 +71,48 @@ struct Level {
     double rms() const { return count ? std::sqrt(sum / static_cast<double>(count)) : 0; }
 };
 
+uint32_t be16(const std::string& s, size_t i) {
+    return (static_cast<uint8_t>(s[i]) << 8) | static_cast<uint8_t>(s[i + 1]);
+}
+uint32_t be32(const std::string& s, size_t i) {
+    return (be16(s, i) << 16) | be16(s, i + 2);
+}
+
+// Width, height and bits per pixel of a JPEG (its frame header) or a PNG
+// (its IHDR). libFLAC's own picture lookup passes over a picture whose size
+// is 0, so players built on it would not find the cover.
+void imageSize(const std::string& s, uint32_t* w, uint32_t* h, uint32_t* depth) {
+    *w = *h = *depth = 0;
+    if (s.size() > 26 && s.compare(0, 8, "\x89PNG\r\n\x1a\n") == 0 && s.compare(12, 4, "IHDR") == 0) {
+        static const int channels[] = {1, 0, 3, 1, 2, 0, 4};
+        uint8_t type = static_cast<uint8_t>(s[25]);
+        *w = be32(s, 16);
+        *h = be32(s, 20);
+        *depth = static_cast<uint32_t>(static_cast<uint8_t>(s[24]) * (type < 7 ? channels[type] : 0));
+        return;
+    }
+    if (s.size() < 4 || s.compare(0, 2, "\xff\xd8") != 0) return;
+    for (size_t i = 2; i + 9 < s.size();) {
+        if (static_cast<uint8_t>(s[i]) != 0xff) return;
+        uint8_t marker = static_cast<uint8_t>(s[i + 1]);
+        if (marker == 0xff) {
+            i++;
+            continue;
+        }
+        if (marker == 0x01 || (marker >= 0xd0 && marker <= 0xd9)) {
+            i += 2;
+            continue;
+        }
+        if (marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc) {
+            *h = be16(s, i + 5);
+            *w = be16(s, i + 7);
+            *depth = 8u * static_cast<uint8_t>(s[i + 9]);
+            return;
+        }
+        i += 2 + be16(s, i + 2);
+    }
+}
+
 }  // namespace
 
 bool WavReader::open(const std::string& path, std::string* why) {
@@ -220,6 +262,8 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
         if (picture) {
             blocks.push_back(picture);
             picture->data.picture.type = FLAC__STREAM_METADATA_PICTURE_TYPE_FRONT_COVER;
+            imageSize(tags.cover, &picture->data.picture.width, &picture->data.picture.height,
+                      &picture->data.picture.depth);
             FLAC__metadata_object_picture_set_mime_type(picture, const_cast<char*>(tags.coverMime.c_str()), true);
             FLAC__metadata_object_picture_set_description(picture, reinterpret_cast<FLAC__byte*>(const_cast<char*>("")), true);
             FLAC__metadata_object_picture_set_data(
