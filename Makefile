@@ -32,9 +32,10 @@ run: build
 
 # Figures go to the terminal; inputs are generated once under build/bench-data.
 bench: build
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench playback_bench commands_bench kz_bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench playback_bench commands_bench compress_bench kz_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
+	@$(BUILD_DIR)/compress_bench $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/playback_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/commands_bench $(BUILD_DIR)/bench-data
 	@/usr/bin/python3 bench/web_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data

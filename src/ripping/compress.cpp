@@ -269,7 +269,7 @@ void dropPart(const std::string& part) {
 
 // The MP3 copy of "FLAC+MP3": root + "/mp3/<artist>/<album>/<track>.mp3",
 // beside the library, not in it. A copy that fails is logged and left out.
-void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags, double rms, const CancelCheck& cancel) {
+void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags, const CancelCheck& cancel) {
     std::string folder = getLocalPath() + "/mp3";
     for (const std::string& part : {std::string(), d.artist, d.album}) {
         if (!part.empty()) folder += "/" + part;
@@ -283,7 +283,7 @@ void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags, doub
     parts.push_back(part);
     writeJournal();
     CodecResult r = encodeMp3(wav, part, 256, tags, cancel);
-    if (r.ok) r = verifyMp3(wav, part, rms, cancel);
+    if (r.ok) r = verifyMp3(wav, part, r.rms, cancel);
     if (r.ok && rename(part.c_str(), copy.c_str()) == 0) {
         syncFolder(folder);
         kzLog("Compression: copy %s\n", copy.c_str());
@@ -314,8 +314,7 @@ Outcome compressOne(const Done& item, int mode, const CancelCheck& cancel) {
     kzLog("Compressing %s\n", wav.c_str());
     CodecResult r = mp3 ? encodeMp3(wav, part, mode == kMp3At128 ? 128 : 256, tags, cancel)
                         : encodeFlac(wav, part, tags, cancel);
-    double rms = r.rms;
-    if (r.ok) r = mp3 ? verifyMp3(wav, part, rms, cancel) : verifyFlac(wav, part);
+    if (r.ok) r = mp3 ? verifyMp3(wav, part, r.rms, cancel) : verifyFlac(wav, part);
     if (!r.ok) {
         dropPart(part);
         if (r.cancelled) return Outcome::Cancelled;
@@ -352,7 +351,7 @@ Outcome compressOne(const Done& item, int mode, const CancelCheck& cancel) {
         removeFile(done);
         return Outcome::Changed;
     }
-    if (mode == kFlacAndMp3) makeCopy(d, wav, tags, rms, cancel);
+    if (mode == kFlacAndMp3) makeCopy(d, wav, tags, cancel);
     return Outcome::Done;
 }
 

@@ -199,18 +199,27 @@ long WavReader::read(int32_t* samples, long want) {
     if (want > left_) want = left_;
     if (want <= 0) return 0;
     const size_t width = static_cast<size_t>(channels * bytesPerSample_);
-    std::vector<uint8_t> raw(static_cast<size_t>(want) * width);
-    size_t got = fread(raw.data(), width, static_cast<size_t>(want), file_.get());
+    raw_.resize(static_cast<size_t>(want) * width);
+    size_t got = fread(raw_.data(), width, static_cast<size_t>(want), file_.get());
     if (got == 0) return ferror(file_.get()) ? -1 : 0;
-    const uint8_t* p = raw.data();
+    const uint8_t* p = raw_.data();
     const long n = static_cast<long>(got) * channels;
-    for (long i = 0; i < n; i++, p += bytesPerSample_) {
-        switch (bytesPerSample_) {
-        case 1: samples[i] = static_cast<int32_t>(p[0]) - 128; break;
-        case 2: samples[i] = static_cast<int16_t>(le16(p)); break;
-        case 3: samples[i] = static_cast<int32_t>((p[0] << 8) | (p[1] << 16) | (static_cast<uint32_t>(p[2]) << 24)) >> 8; break;
-        default: samples[i] = static_cast<int32_t>(le32(p)); break;
+    // One loop per width: this runs for every sample of the library.
+    switch (bytesPerSample_) {
+    case 1:
+        for (long i = 0; i < n; i++) samples[i] = static_cast<int32_t>(p[i]) - 128;
+        break;
+    case 2:
+        for (long i = 0; i < n; i++, p += 2) samples[i] = static_cast<int16_t>(le16(p));
+        break;
+    case 3:
+        for (long i = 0; i < n; i++, p += 3) {
+            samples[i] = static_cast<int32_t>((p[0] << 8) | (p[1] << 16) | (static_cast<uint32_t>(p[2]) << 24)) >> 8;
         }
+        break;
+    default:
+        for (long i = 0; i < n; i++, p += 4) samples[i] = static_cast<int32_t>(le32(p));
+        break;
     }
     left_ -= static_cast<long>(got);
     return static_cast<long>(got);
@@ -284,7 +293,6 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
         return fail("cannot start the FLAC file: " + std::string(strerror(e)), diskFullErrno(e));
     }
     std::vector<int32_t> buf(static_cast<size_t>(kBlockFrames * in.channels));
-    Level level;
     for (;;) {
         if (cancel && cancel()) {
             FLAC__stream_encoder_finish(enc);
@@ -296,7 +304,6 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
             return fail("read error in the WAV");
         }
         if (n == 0) break;
-        level.add(buf.data(), n * in.channels, in.bits);
         errno = 0;
         if (!FLAC__stream_encoder_process_interleaved(enc, buf.data(), static_cast<uint32_t>(n))) {
             int e = errno;
@@ -316,7 +323,6 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
     if (!syncFile(out)) return fail("cannot sync the FLAC file", diskFullErrno(errno));
     CodecResult r;
     r.ok = true;
-    r.rms = level.rms();
     return r;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "core/files.h"
 
@@ -31,6 +32,7 @@ class WavReader {
 
   private:
     File file_;
+    std::vector<uint8_t> raw_;
     long left_ = 0;
     int bytesPerSample_ = 0;
 };
@@ -51,7 +53,7 @@ struct CodecResult {
     bool diskFull = false;
     bool cancelled = false;
     std::string why;
-    double rms = 0;  // the source's level, for the MP3 check
+    double rms = 0;  // the source's level (MP3 encodes), for the MP3 check
 };
 
 // Writes out (created or truncated) and syncs it. Compression level 5, the

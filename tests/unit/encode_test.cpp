@@ -140,7 +140,6 @@ TEST_F(FlacTest, DecodesToTheSameSamplesAndAnythingElseIsRefused) {
     tags.coverMime = "image/jpeg";
     CodecResult r = encodeFlac(wav, flac, tags, nullptr);
     ASSERT_TRUE(r.ok) << r.why;
-    EXPECT_GT(r.rms, 0.1);
     EXPECT_LT(get(flac).size(), pcm.size());
     r = verifyFlac(wav, flac);
     EXPECT_TRUE(r.ok) << r.why;
