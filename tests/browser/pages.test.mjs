@@ -291,6 +291,12 @@ describe('web pages', () => {
     await until(async () => (await stack.status()).reversed === '1', 'reversed on');
     await page.getByLabel('Compression of ripped music').selectOption('mp3 256k');
     await until(async () => /256/.test((await stack.status()).compression), 'MP3 256k compression');
+    // The WAV album and the rips become MP3s; the page follows the job to its end.
+    await page.locator('#compression-about', { hasText: 'about a fifth of the size' }).waitFor();
+    await page.locator('#compression-progress', { hasText: 'Nothing to compress right now.' }).waitFor({ timeout: 60000 });
+    await until(async () => (await stack.api('getWebInfo')).wavs === '0', 'no WAV left in the library');
+    await page.getByRole('button', { name: 'Compress the library now' }).click();
+    await page.locator('#toast', { hasText: 'Compressing the library' }).waitFor();
     await page.getByRole('button', { name: 'Bass boost' }).click();
     await until(async () => {
       const s = await stack.status();

@@ -31,6 +31,22 @@ function fresh(el) {
   return recent.has(el) && performance.now() - recent.get(el) < 3000;
 }
 
+// One line on what each choice does to the library's WAV files.
+export const COMPRESSION_ABOUT = {
+  none: 'Tracks stay WAV files: nothing is lost, and they take the most room.',
+  flac: 'Each WAV becomes a FLAC file of about half the size, every sample kept.',
+  'mp3 128k': 'Each WAV becomes an MP3 of about a tenth of the size; some detail is lost.',
+  'mp3 256k': 'Each WAV becomes an MP3 of about a fifth of the size, close to the original.',
+  'flac+mp3': 'FLAC in the library, and an MP3 copy of each track in the mp3 folder for phones and cars.',
+};
+
+function renderCompression(s) {
+  $('compression-about').textContent = COMPRESSION_ABOUT[$('set-compression').value] || '';
+  const job = String(s.background || '');
+  $('compression-progress').textContent = job || 'Nothing to compress right now.';
+  $('compress-now').disabled = $('set-compression').value === 'none';
+}
+
 function render(s) {
   const set = (el, fn) => {
     if (!fresh(el)) fn(el);
@@ -39,6 +55,7 @@ function render(s) {
     const v = lower(s.compression);
     if ([...el.options].some((o) => o.value === v)) el.value = v;
   });
+  renderCompression(s);
   set($('set-segue'), (el) => {
     const v = lower(s.segue);
     if (['off', 'short', 'on'].includes(v)) el.value = v;
@@ -117,7 +134,15 @@ export function init() {
       if (!ok) toast('The setting did not reach the music server');
       pollNow();
     });
-  change('set-compression', (el) => act('setCompression', { mode: el.value }));
+  change('set-compression', (el) => {
+    renderCompression(state);
+    return act('setCompression', { mode: el.value });
+  });
+  $('compress-now').addEventListener('click', async () => {
+    const ok = await act('compressNow');
+    toast(ok ? 'Compressing the library' : 'The music server did not answer');
+    pollNow(500);
+  });
   change('set-segue', (el) => act('setSegue', { mode: el.value }));
   change('set-logging', (el) => act('setLogging', { mode: el.value }));
   change('set-random', (el) => act('setRandom', { random: el.checked ? 1 : 0 }));
