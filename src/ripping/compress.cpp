@@ -318,6 +318,10 @@ Outcome compressOne(const Done& item, int mode, const CancelCheck& cancel) {
     if (!r.ok) {
         dropPart(part);
         if (r.cancelled) return Outcome::Cancelled;
+        if (!fileExists(wav)) {
+            kzLog("Compression: %s changed while it was compressed; its copy is removed\n", wav.c_str());
+            return Outcome::Changed;
+        }
         if (r.diskFull) {
             kzLog("Compression paused: the disk is full (%s); %s is kept\n", r.why.c_str(), wav.c_str());
             return Outcome::DiskFull;
@@ -398,6 +402,7 @@ void runPass() {
     kzLog("Compression: %d tracks to %s\n", static_cast<int>(todo.size()), getCompressionText());
     CancelCheck cancel = [mode] { return stopping.load() || getCompressionMode() != mode; };
     int count = 0;
+    bool changed = false;
     for (const Done& item : todo) {
         if (cancel() || !libraryReady()) break;
         setStatus("Compressing " + std::to_string(++count) + " of " + std::to_string(todo.size()));
@@ -409,6 +414,7 @@ void runPass() {
             return;
         }
         if (o == Outcome::Cancelled) break;
+        changed = changed || o == Outcome::Changed;
         if (pending.size() >= kSaveEvery || (!pending.empty() && std::chrono::steady_clock::now() - firstPending > kSaveAfter)) {
             flush();
         }
@@ -416,8 +422,9 @@ void runPass() {
     flush();
     setStatus("");
     std::lock_guard<std::mutex> hold(stateMutex);
-    // A new setting or a rebuild in the middle: start again over what is left.
-    if (!stopping && (getCompressionMode() != mode || !libraryReady())) kicked = true;
+    // A new setting or a rebuild in the middle, or a track renamed under
+    // the encoder: start again over what is left.
+    if (!stopping && (changed || getCompressionMode() != mode || !libraryReady())) kicked = true;
 }
 
 void workerMain() {

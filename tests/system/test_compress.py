@@ -349,3 +349,48 @@ def test_a_full_disk_pauses_the_job_and_keeps_the_wav(daemon, tmp_path):
     kz.until(lambda: sorted(os.listdir(folder)) == ["01 Noise.flac"], 30, "the FLAC")
     assert kz.tracks() == ["01 Noise"]
     assert kz.d.stop() == 0
+
+
+def test_tracks_in_use_while_they_are_compressed(daemon, tmp_path):
+    root = tmp_path / "root"
+    album = root / "media" / "hdd1" / "music" / "In Use" / "Album"
+    album.mkdir(parents=True)
+    (album / "01 Playing.wav").write_bytes(wav(pcm(8, 440, level=0.5)))
+    # Long noise at 256k keeps the encoder busy long enough to act under it.
+    for name, seed in (("02 Renamed.wav", 2), ("03 Kept.wav", 3)):
+        (album / name).write_bytes(wav(random.Random(seed).randbytes(44100 * 4 * 150)))
+    raw = tmp_path / "out.raw"
+    kz = Kz(daemon, root, env={"KZ_PCM": f"file:FILE={raw},FORMAT=raw"})
+    ids = {i["track"]: i["id"] for i in kz.json("search&artists=0&albums=0&string=")}
+    kz.raw("vol64")
+    kz.raw(f"playID&id={ids['01 Playing']}")
+    playing = time.monotonic()
+    kz.until(lambda: kz.json("status")["track"] in ("Playing", "01 Playing"), 10, "the track to play")
+    kz.raw("setCompression&mode=mp3%20256k")
+
+    # The playing WAV is replaced under the player, which plays on from it.
+    kz.until(lambda: (album / "01 Playing.mp3").exists(), 30, "the playing track to be compressed")
+    # Renamed while it is encoded: the copy under the old name goes, and the
+    # job comes back for the new name.
+    kz.d.wait_for("Compressing " + str(album / "02 Renamed.wav"), timeout=60)
+    kz.raw(f"renameID&id={ids['02 Renamed']}&name=Second%20Name")
+    kz.d.wait_for("02 Renamed.wav changed while it was compressed", timeout=60)
+    # Deleted while it is encoded: nothing of it stays.
+    kz.d.wait_for("Compressing " + str(album / "02 Second Name.wav"), timeout=60)
+    kz.raw(f"deleteID&id={ids['02 Renamed']}")
+    kz.d.wait_for("02 Second Name.wav changed while it was compressed", timeout=60)
+    kz.until(lambda: not list(album.glob("*.wav")) and not kz.json("slowStatus")["background"], 90,
+             "the album to be compressed")
+    assert sorted(os.listdir(album)) == ["01 Playing.mp3", "03 Kept.mp3"]
+    assert sorted(kz.tracks()) == ["01 Playing", "03 Kept"]
+    time.sleep(max(0, playing + 9.5 - time.monotonic()))
+    assert kz.d.stop() == 0
+    # The whole tone was heard, its 8 s with no gap (the album goes on after it).
+    data = raw.read_bytes()
+    left = struct.unpack(f"<{len(data) // 2}h", data[:len(data) // 2 * 2])[0::2]
+    start = next(i for i in range(0, len(left), 441) if max(abs(v) for v in left[i:i + 441]) > 3000)
+    tone = left[start:start + int(7.9 * 44100)]
+    assert len(tone) == int(7.9 * 44100)
+    assert all(max(abs(v) for v in tone[i:i + 441]) > 3000 for i in range(0, len(tone) - 441, 441))
+    crossings = sum(1 for a, b in zip(tone, tone[1:]) if (a < 0) != (b < 0))
+    assert abs(crossings / 2 / 7.9 - 440) < 5
