@@ -57,6 +57,7 @@ bool kicked = true;  // a start continues whatever was left
 std::atomic<bool> stopping{false};
 bool running = false;
 std::atomic<bool> busy{false};
+std::atomic<int> pauses{0};
 std::string statusText;
 std::thread worker;
 
@@ -377,7 +378,11 @@ bool waitForLibrary() {
 
 struct Busy {
     Busy() { busy = true; }
-    ~Busy() { busy = false; }
+    ~Busy() {
+        std::lock_guard<std::mutex> hold(stateMutex);
+        busy = false;
+        wake.notify_all();
+    }
 };
 
 void runPass() {
@@ -400,7 +405,7 @@ void runPass() {
     if (todo.empty()) return;
     Busy marker;
     kzLog("Compression: %d tracks to %s\n", static_cast<int>(todo.size()), getCompressionText());
-    CancelCheck cancel = [mode] { return stopping.load() || getCompressionMode() != mode; };
+    CancelCheck cancel = [mode] { return stopping.load() || pauses > 0 || getCompressionMode() != mode; };
     int count = 0;
     bool changed = false;
     for (const Done& item : todo) {
@@ -422,9 +427,9 @@ void runPass() {
     flush();
     setStatus("");
     std::lock_guard<std::mutex> hold(stateMutex);
-    // A new setting or a rebuild in the middle, or a track renamed under
-    // the encoder: start again over what is left.
-    if (!stopping && (changed || getCompressionMode() != mode || !libraryReady())) kicked = true;
+    // A new setting or a rebuild in the middle, a track renamed under the
+    // encoder, a pause: start again over what is left.
+    if (!stopping && (changed || pauses > 0 || getCompressionMode() != mode || !libraryReady())) kicked = true;
 }
 
 void workerMain() {
@@ -440,7 +445,7 @@ void workerMain() {
     for (;;) {
         {
             std::unique_lock<std::mutex> hold(stateMutex);
-            wake.wait(hold, [] { return kicked || stopping; });
+            wake.wait(hold, [] { return (kicked && pauses == 0) || stopping; });
             if (stopping) break;
             kicked = false;
         }
@@ -491,6 +496,21 @@ void stopCompression() {
     wake.notify_all();
     // An encode gives up within a block; a check kills its decoder.
     wake.wait_for(hold, std::chrono::seconds(5), [] { return !running; });
+}
+
+CompressionPause::CompressionPause() {
+    std::unique_lock<std::mutex> hold(stateMutex);
+    pauses++;
+    wake.notify_all();
+    // The pass ends at the next block of audio; its last act is the save.
+    wake.wait_for(hold, std::chrono::seconds(10), [] { return !busy; });
+}
+
+CompressionPause::~CompressionPause() {
+    std::lock_guard<std::mutex> hold(stateMutex);
+    pauses--;
+    kicked = true;
+    wake.notify_all();
 }
 
 bool isCompressing() {

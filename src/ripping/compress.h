@@ -20,6 +20,16 @@ void kickCompression();
 // Gives up the track under way (its part file is removed) and ends the
 // thread; tracks already done stay in the journal for the next start.
 void stopCompression();
+// Keeps the job off the library while names and folders change under it
+// (a reindex): the track under way is given up and done tracks are saved
+// before the constructor returns; the job looks again when the last goes.
+class CompressionPause {
+  public:
+    CompressionPause();
+    ~CompressionPause();
+    CompressionPause(const CompressionPause&) = delete;
+    CompressionPause& operator=(const CompressionPause&) = delete;
+};
 // True while tracks are being compressed.
 bool isCompressing();
 // For the status's "background": "Compressing 12 of 340", why the job

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <strings.h>
 #include <memory>
 #include <vector>
 
@@ -616,4 +617,137 @@ CodecResult verifyMp3(const std::string& wav, const std::string& mp3, double sou
     CodecResult r;
     r.ok = true;
     return r;
+}
+
+// ------------------------------------------------------- renaming inside
+
+namespace {
+
+bool readWhole(const std::string& path, std::string* bytes) {
+    File f(fopen(path.c_str(), "rb"));
+    if (!f) return false;
+    char buf[65536];
+    bytes->clear();
+    for (size_t n; (n = fread(buf, 1, sizeof buf, f.get())) > 0;) bytes->append(buf, n);
+    return !ferror(f.get());
+}
+
+bool writeSynced(const std::string& path, const std::string& bytes) {
+    File f(fopen(path.c_str(), "wb"));
+    if (!f) return false;
+    bool ok = fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size() && fflush(f.get()) == 0 &&
+              fsync(fileno(f.get())) == 0;
+    return fclose(f.release()) == 0 && ok;
+}
+
+bool renameFlacInside(const std::string& temp, const char* artist, const char* album, const char* title,
+                      std::string* why) {
+    std::unique_ptr<FLAC__Metadata_Chain, void (*)(FLAC__Metadata_Chain*)> chain(FLAC__metadata_chain_new(),
+                                                                                FLAC__metadata_chain_delete);
+    if (!chain || !FLAC__metadata_chain_read(chain.get(), temp.c_str())) {
+        *why = "not a FLAC file";
+        return false;
+    }
+    std::unique_ptr<FLAC__Metadata_Iterator, void (*)(FLAC__Metadata_Iterator*)> it(FLAC__metadata_iterator_new(),
+                                                                                   FLAC__metadata_iterator_delete);
+    if (!it) return false;
+    FLAC__metadata_iterator_init(it.get(), chain.get());
+    FLAC__StreamMetadata* comments = nullptr;
+    do {
+        if (FLAC__metadata_iterator_get_block_type(it.get()) == FLAC__METADATA_TYPE_VORBIS_COMMENT) {
+            comments = FLAC__metadata_iterator_get_block(it.get());
+            break;
+        }
+    } while (FLAC__metadata_iterator_next(it.get()));
+    if (!comments) {
+        FLAC__metadata_iterator_init(it.get(), chain.get());
+        comments = FLAC__metadata_object_new(FLAC__METADATA_TYPE_VORBIS_COMMENT);
+        if (!comments || !FLAC__metadata_iterator_insert_block_after(it.get(), comments)) {
+            if (comments) FLAC__metadata_object_delete(comments);
+            return false;
+        }
+    }
+    for (const auto& [name, value] : {std::pair<const char*, const char*>{"ARTIST", artist},
+                                      {"ALBUM", album}, {"TITLE", title}}) {
+        if (!value) continue;
+        FLAC__StreamMetadata_VorbisComment_Entry entry;
+        if (!FLAC__metadata_object_vorbiscomment_entry_from_name_value_pair(&entry, name, value) ||
+            !FLAC__metadata_object_vorbiscomment_replace_comment(comments, entry, true, false)) {
+            *why = "cannot set the FLAC's names";
+            return false;
+        }
+    }
+    FLAC__metadata_chain_sort_padding(chain.get());
+    if (!FLAC__metadata_chain_write(chain.get(), true, true)) {
+        *why = "cannot write the FLAC's names";
+        return false;
+    }
+    return true;
+}
+
+bool renameMp3Inside(std::string& bytes, const char* artist, const char* album, const char* title,
+                     std::string* why) {
+    if (bytes.size() < 10 || bytes.compare(0, 3, "ID3") != 0 || bytes[3] != 3) {
+        *why = "no ID3v2.3 tag of kz's";
+        return false;
+    }
+    size_t size = 0;
+    for (int i = 6; i < 10; i++) size = (size << 7) | (static_cast<uint8_t>(bytes[static_cast<size_t>(i)]) & 0x7f);
+    if (10 + size > bytes.size()) {
+        *why = "the ID3 tag is longer than the file";
+        return false;
+    }
+    std::string kept;
+    for (size_t at = 10; at + 10 <= 10 + size && bytes[at] != 0;) {
+        size_t n = be32(bytes, at + 4);
+        if (at + 10 + n > 10 + size) break;
+        std::string id = bytes.substr(at, 4);
+        if (!((id == "TPE1" && artist) || (id == "TALB" && album) || (id == "TIT2" && title))) {
+            kept += bytes.substr(at, 10 + n);
+        }
+        at += 10 + n;
+    }
+    std::string frames;
+    for (const auto& [id, value] : {std::pair<const char*, const char*>{"TPE1", artist}, {"TALB", album},
+                                    {"TIT2", title}}) {
+        if (value) frame(frames, id, encodedText(value));
+    }
+    frames += kept;
+    std::string tag = std::string("ID3\x03\0\0", 6);
+    const uint32_t n = static_cast<uint32_t>(frames.size());
+    for (int shift = 21; shift >= 0; shift -= 7) tag += static_cast<char>((n >> shift) & 0x7f);
+    bytes = tag + frames + bytes.substr(10 + size);
+    return true;
+}
+
+}  // namespace
+
+bool rewriteCompressedNames(const std::string& path, const char* artist, const char* album,
+                            const char* title, std::string* why) {
+    const bool flac = path.size() > 5 && strcasecmp(path.c_str() + path.size() - 5, ".flac") == 0;
+    const bool mp3 = path.size() > 4 && strcasecmp(path.c_str() + path.size() - 4, ".mp3") == 0;
+    if (!flac && !mp3) {
+        *why = "not a FLAC or MP3 file";
+        return false;
+    }
+    std::string bytes;
+    if (!readWhole(path, &bytes)) {
+        *why = std::string("cannot read: ") + strerror(errno);
+        return false;
+    }
+    std::string folder = path.substr(0, path.rfind('/') + 1);
+    std::string temp = folder + ".kz-names.part";
+    bool ok = mp3 ? renameMp3Inside(bytes, artist, album, title, why) && writeSynced(temp, bytes)
+                  : writeSynced(temp, bytes) && renameFlacInside(temp, artist, album, title, why);
+    if (ok) {
+        int fd = open(temp.c_str(), O_RDONLY | O_CLOEXEC);
+        ok = fd >= 0 && fsync(fd) == 0;
+        if (fd >= 0) close(fd);
+    }
+    if (!ok || rename(temp.c_str(), path.c_str()) != 0) {
+        if (why->empty()) *why = std::string("cannot write: ") + strerror(errno);
+        unlink(temp.c_str());
+        return false;
+    }
+    return true;
 }

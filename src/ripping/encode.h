@@ -71,6 +71,13 @@ CodecResult encodeMp3(const std::string& wav, const std::string& out, int kbps,
 CodecResult verifyMp3(const std::string& wav, const std::string& mp3, double sourceRms,
                       const CancelCheck& cancel);
 
+// New names (null keeps one) inside a FLAC's Vorbis comments or an MP3's
+// ID3v2.3 tag, written through a temporary file renamed over the track, so
+// a power cut leaves the old file or the new one. False, with why, when the
+// file cannot be read or is of another kind.
+bool rewriteCompressedNames(const std::string& path, const char* artist, const char* album,
+                            const char* title, std::string* why);
+
 // An ID3v2.3 tag: TPE1, TALB, TIT2, TRCK, TYER, TCON and APIC, in Latin-1
 // when a text is plain ASCII and UTF-16 otherwise.
 std::string buildId3v2(const TrackTags& tags);

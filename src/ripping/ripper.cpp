@@ -20,6 +20,7 @@
 #include "library/sorting.h"
 #include "ripping/cdrom.h"
 #include "ripping/compress.h"
+#include "ripping/encode.h"
 #include "ripping/lookup.h"
 #include "ripping/wav.h"
 
@@ -468,6 +469,8 @@ int reindexAlbum(const RipNames& names) {
         return 0;
     }
     std::string disc = computeDiscId(currentToc());
+    // The compression job may be renaming this very album's tracks.
+    CompressionPause pause;
     int album = findRippedAlbum(disc);
     if (album < 0) {
         kzLog("reindex () no album was ripped from disc %s\n", disc.c_str());
@@ -489,14 +492,19 @@ int reindexAlbum(const RipNames& names) {
     for (int t : albumTrackOrder(album)) {
         int number = getTrackOrder(t);
         std::string path = getTrackPath(t);
-        if (!endsWithExtension(path.c_str(), ".wav")) continue;
         const char* title = number >= 1 && number <= static_cast<int>(names.tracks.size()) &&
                                     !names.tracks[number - 1].empty()
                                 ? names.tracks[number - 1].c_str()
                                 : nullptr;
-        if (!WavRewriteNames(path.c_str(), names.artist.empty() ? nullptr : names.artist.c_str(),
-                             names.album.empty() ? nullptr : names.album.c_str(), title)) {
-            kzLog("reindex () cannot rewrite the names in %s\n", path.c_str());
+        const char* artistName = names.artist.empty() ? nullptr : names.artist.c_str();
+        const char* albumName = names.album.empty() ? nullptr : names.album.c_str();
+        std::string why;
+        if (endsWithExtension(path.c_str(), ".wav")) {
+            if (!WavRewriteNames(path.c_str(), artistName, albumName, title)) {
+                kzLog("reindex () cannot rewrite the names in %s\n", path.c_str());
+            }
+        } else if (!rewriteCompressedNames(path, artistName, albumName, title, &why)) {
+            kzLog("reindex () cannot rewrite the names in %s: %s\n", path.c_str(), why.c_str());
         }
     }
     saveDBifChanged();

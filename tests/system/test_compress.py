@@ -15,6 +15,7 @@ import pytest
 
 import fcgi
 from kzdaemon import KZ_BIN
+from test_lookup import disc_image
 
 QUOTED_ARTIST = 'AC/DC "Live"'
 LONG = "04 " + "x" * 242 + ".wav"  # 249 bytes, the longest name kzdb keeps
@@ -81,8 +82,8 @@ class Kz:
         self.d.wait_for("Waiting for incoming connections on socket")
         self.sock = root / "var" / "run" / "fastCgiUnixSocket"
 
-    def raw(self, command):
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command)))
+    def raw(self, command, body=b""):
+        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command, body=body)))
         return out.split(b"\r\n\n", 1)[1]
 
     def json(self, command):
@@ -394,3 +395,33 @@ def test_tracks_in_use_while_they_are_compressed(daemon, tmp_path):
     assert all(max(abs(v) for v in tone[i:i + 441]) > 3000 for i in range(0, len(tone) - 441, 441))
     crossings = sum(1 for a, b in zip(tone, tone[1:]) if (a < 0) != (b < 0))
     assert abs(crossings / 2 / 7.9 - 440) < 5
+
+
+def test_a_rip_is_compressed_and_a_reindex_renames_inside(daemon, tmp_path):
+    root = tmp_path / "root"
+    music = root / "media" / "hdd1" / "music"
+    music.mkdir(parents=True)
+    cue = disc_image(tmp_path)
+    kz = Kz(daemon, root, env={"KZ_CDROM": str(cue)}, compression="FLAC")
+    kz.until(lambda: kz.json("slowStatus")["cdstatus"] == "Ready", 20, "the disc")
+    names = "artist=Ripper\nalbum=First Names\nyear=2001\ntrack=Alpha\ntrack=Beta\ntrack=Gamma\n"
+    assert kz.raw("newRip", names.encode()) == b'"OK"'
+    first = music / "Ripper" / "First Names"
+    wait_for_files(kz, first, ["01 Alpha.flac", "02 Beta.flac", "03 Gamma.flac"])
+    kz.until(lambda: not list(first.glob("*.wav")), 20, "the WAVs to go")
+    _, tags = probe(first / "02 Beta.flac")
+    assert (tags["artist"], tags["album"], tags["title"], tags["track"], tags["date"]) == \
+        ("Ripper", "First Names", "Beta", "2", "2001")
+
+    # Better names after the rip is compressed: folders, files and the names
+    # inside follow.
+    fixed = "artist=Renamed / Band\nalbum=Better Names\ntrack=Xi\ntrack=Omicron\ntrack=Pi\n"
+    assert kz.raw("reindex", fixed.encode()) == b'"OK"'
+    better = music / "Renamed _ Band" / "Better Names"
+    kz.until(lambda: better.is_dir() and sorted(p.name for p in better.glob("*.flac")) ==
+             ["01 Xi.flac", "02 Omicron.flac", "03 Pi.flac"], 20, "the renamed album")
+    _, tags = probe(better / "02 Omicron.flac")
+    assert (tags["artist"], tags["album"], tags["title"], tags["track"]) == \
+        ("Renamed / Band", "Better Names", "Omicron", "2")
+    assert not list(better.glob(".*part"))
+    assert sorted(kz.tracks()) == ["01 Xi", "02 Omicron", "03 Pi"]

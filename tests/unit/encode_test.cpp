@@ -163,6 +163,21 @@ TEST_F(FlacTest, DecodesToTheSameSamplesAndAnythingElseIsRefused) {
     EXPECT_EQ(picture->data.picture.depth, 24u);
     FLAC__metadata_object_delete(picture);
 
+    // New names inside (a reindex): the audio and the other names stay.
+    std::string why;
+    ASSERT_TRUE(rewriteCompressedNames(flac, "The Band", nullptr, "New Title", &why)) << why;
+    EXPECT_TRUE(verifyFlac(wav, flac).ok);
+    ASSERT_TRUE(FLAC__metadata_get_tags(flac.c_str(), &comments));
+    entries.clear();
+    for (uint32_t i = 0; i < comments->data.vorbis_comment.num_comments; i++) {
+        const auto& e = comments->data.vorbis_comment.comments[i];
+        entries.emplace_back(reinterpret_cast<const char*>(e.entry), e.length);
+    }
+    FLAC__metadata_object_delete(comments);
+    EXPECT_EQ(entries, (std::vector<std::string>{"ARTIST=The Band", "TITLE=New Title", "TRACKNUMBER=3"}));
+    EXPECT_FALSE(rewriteCompressedNames(wav, "x", "y", "z", &why));
+    EXPECT_EQ(access((dir + "/.kz-names.part").c_str(), F_OK), -1);
+
     // A WAV one sample away, a damaged FLAC, a cut one: all refused.
     std::string changed = pcm;
     changed[40000] ^= 1;
@@ -202,6 +217,22 @@ TEST_F(Mp3Test, EncodesToTheWavsLengthAndTheCheckNoticesOtherwise) {
     ASSERT_EQ(bytes.compare(0, 3, "ID3"), 0);
     EXPECT_LT(bytes.size(), pcm.size() / 8);
     EXPECT_TRUE(verifyMp3(wav, mp3, r.rms, nullptr).ok);
+    // Renamed inside: the new names lead the tag, the rest and the audio stay.
+    std::string why;
+    ASSERT_TRUE(rewriteCompressedNames(mp3, "New Band", nullptr, "Ütitle", &why)) << why;
+    std::string renamed = get(mp3);
+    auto tagEnd = [](const std::string& b) {
+        size_t n = 0;
+        for (int i = 6; i < 10; i++) n = (n << 7) | static_cast<unsigned char>(b[static_cast<size_t>(i)]);
+        return 10 + n;
+    };
+    EXPECT_EQ(renamed.substr(tagEnd(renamed)), bytes.substr(tagEnd(bytes)));
+    EXPECT_NE(renamed.find("New Band"), std::string::npos);
+    EXPECT_NE(renamed.find(std::string("TALB\0\0\0\x0b\0\0\x01\xff\xfe", 13)), std::string::npos);
+    EXPECT_TRUE(verifyMp3(wav, mp3, r.rms, nullptr).ok);
+    put("junk.mp3", "no tag here");
+    EXPECT_FALSE(rewriteCompressedNames(dir + "/junk.mp3", "a", "b", "c", &why));
+    EXPECT_EQ(get(dir + "/junk.mp3"), "no tag here");
     // Against a WAV twice as long, or louder by 12 dB, it does not pass.
     put("b.wav", riff(chunk("fmt ", fmtBody(1, 2, 44100, 16)) + chunk("data", pcm + pcm)));
     CodecResult longer = verifyMp3(dir + "/b.wav", mp3, r.rms, nullptr);
