@@ -233,6 +233,8 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
     WavReader in;
     std::string why;
     if (!in.open(wav, &why)) return fail(why);
+    // 32-bit FLAC is new, and the decoder kz plays with cannot read it.
+    if (in.bits > 24) return fail("32-bit PCM is kept as WAV");
 
     FLAC__StreamEncoder* enc = FLAC__stream_encoder_new();
     if (!enc) return fail("no memory for the FLAC encoder");
@@ -241,6 +243,11 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
     FLAC__stream_encoder_set_bits_per_sample(enc, static_cast<uint32_t>(in.bits));
     FLAC__stream_encoder_set_sample_rate(enc, static_cast<uint32_t>(in.rate));
     FLAC__stream_encoder_set_compression_level(enc, 5);
+    // An odd sample rate (96005 Hz) is valid FLAC, just not the streamable
+    // subset the encoder holds to by default.
+    if (!FLAC__format_sample_rate_is_subset(static_cast<uint32_t>(in.rate))) {
+        FLAC__stream_encoder_set_streamable_subset(enc, false);
+    }
     FLAC__stream_encoder_set_total_samples_estimate(enc, static_cast<FLAC__uint64>(in.frames));
 
     // Metadata blocks, freed once the encoder has finished with them.
@@ -289,9 +296,12 @@ CodecResult encodeFlac(const std::string& wav, const std::string& out, const Tra
     FLAC__stream_encoder_set_metadata(enc, blocks.data(), static_cast<uint32_t>(blocks.size()));
 
     errno = 0;
-    if (FLAC__stream_encoder_init_file(enc, out.c_str(), nullptr, nullptr) != FLAC__STREAM_ENCODER_INIT_STATUS_OK) {
+    FLAC__StreamEncoderInitStatus init = FLAC__stream_encoder_init_file(enc, out.c_str(), nullptr, nullptr);
+    if (init != FLAC__STREAM_ENCODER_INIT_STATUS_OK) {
         int e = errno;
-        return fail("cannot start the FLAC file: " + std::string(strerror(e)), diskFullErrno(e));
+        return fail(std::string("cannot start the FLAC file: ") + FLAC__StreamEncoderInitStatusString[init] +
+                        (e ? std::string(" (") + strerror(e) + ")" : std::string()),
+                    diskFullErrno(e));
     }
     std::vector<int32_t> buf(static_cast<size_t>(kBlockFrames * in.channels));
     for (;;) {
