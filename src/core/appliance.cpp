@@ -33,14 +33,6 @@ int createThirdSDPartition() {
 }
 void startGetDiskCapacity(int) {}
 
-void initInternetRadio() {}
-std::string getRadioName(int) {
-    return "";
-}
-void initVtuner() {}
-void stopNewRadio() {}
-void stopRadioRecording() {}
-
 void myWifiConnect() {}
 void startWifiWatchdog() {}
 void disableWifi() {}

@@ -38,13 +38,6 @@ void prepareSD();
 int createThirdSDPartition();
 void startGetDiskCapacity(int which);
 
-// Internet radio. There are no stations: names are empty.
-void initInternetRadio();
-std::string getRadioName(int index);
-void initVtuner();
-void stopNewRadio();
-void stopRadioRecording();
-
 // Networking and wireless.
 void myWifiConnect();
 void startWifiWatchdog();

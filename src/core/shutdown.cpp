@@ -21,6 +21,7 @@
 #include "library/settings.h"
 #include "playback/output.h"
 #include "playback/playback.h"
+#include "radio/radio.h"
 #include "ripping/compress.h"
 #include "ripping/ripper.h"
 #include "web/web.h"

@@ -11,6 +11,7 @@
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/pipe.h"
+#include "radio/radio.h"
 #include "ripping/cdrom.h"
 #include "ripping/ripper.h"
 #include "web/web.h"
@@ -77,11 +78,11 @@ void globalHandling(int event) {
         playStop();
     } else if (event == 100) {
         kzLog("got STOPRECORDING event\n");
-        notBuilt("radio recording");
+        stopRadioRecording();
     } else if (event == 77) {
         if (getSelectedSource() == SEL_RADIO) {
             kzLog("RESTART received\n");
-            notBuilt("internet radio");
+            restartInternetRadio();
         }
     } else if (event == 1 || event == 23 || event == 108) {
         playStop();
@@ -109,8 +110,7 @@ void globalHandling(int event) {
         kzLog("STOPWEBPLAY event\n");
         notBuilt("web audio");
     } else if (event == 21) {
-        kzLog("IRRECKEY event recording=%d\n", 0);
-        notBuilt("recording");
+        recordKey();
     } else if (event == 42) {
         playlistOff();
     } else if (event == 26 || event == 18 || event == 51 || event == 52) {
@@ -155,7 +155,7 @@ void globalHandling(int event) {
         playlistOff();
         selectHDD();
     } else if (event == 47) {
-        notBuilt("internet radio");
+        radioKey();
     }
 }
 

@@ -4,6 +4,7 @@
 #include "library/library.h"
 #include "library/names.h"
 #include "library/playlists.h"
+#include "radio/radio.h"
 
 const char* idType(int id) {
     if (id < ALBUM_BASE || id >= INVALID_ID) return "Bad ID";

@@ -53,6 +53,8 @@ struct PlayState {
     int randomMode = 0;
     int dropout = 0;
     int selectedSource = SEL_HDD;
+    long long internetRadioSamplesPlayed = 0;
+    RadioHooks radio;
 };
 
 PlayState& S() {
@@ -91,6 +93,8 @@ void stopChannelLocked(int ch) {
     }
     if (c.pcmf) fclose(c.pcmf);
     if (c.source == SRC_CD) requestStopCDReader();
+    // Only asks: the stream's thread may be in the middle of a write.
+    if (c.source == SRC_RADIO && S().radio.stop) S().radio.stop();
     c = PlayChannel();
     if (!busy(0) && !busy(1)) S().playingVariable = 0;
 }
@@ -145,6 +149,26 @@ int getChannelSamples(int ch, uint8_t* dst, int frames) {
                 return 0;
             }
             break;
+        case SRC_RADIO: {
+            PlayState& s = S();
+            n = s.radio.samples ? s.radio.samples(dst, frames) : 0;
+            if (n <= 0) {
+                // The stream never ends here: a dry spell is a dropout for
+                // the radio code to mend, and silence meanwhile.
+                s.internetRadioSamplesPlayed = 0;
+                if (s.dropout == 0 && s.radio.dropout) s.radio.dropout();
+                s.dropout++;
+                n = 0;
+            } else {
+                s.dropout = 0;
+                long long before = s.internetRadioSamplesPlayed;
+                s.internetRadioSamplesPlayed += n;
+                if (before < 500000 && s.internetRadioSamplesPlayed >= 500000 &&
+                    s.radio.playedEnough)
+                    s.radio.playedEnough();
+            }
+            break;
+        }
         default:
             break;
     }
@@ -659,6 +683,8 @@ int startPlayingPrev() {
 void playStop() {
     if (isPlaying()) {
         fadeOut(stopCode);
+    } else if (S().selectedSource == SEL_RADIO && S().radio.resume) {
+        S().radio.resume();
     } else {
         startPlayingID(lib().currentID);
     }
@@ -701,8 +727,46 @@ void selectSourceRaw(int source) {
         stopPlayNoMute();
         if (S().selectedSource == SEL_CD) stopCDReader();
         decoderPipes().radioSelected = source == SEL_RADIO;
+        // The radio plays only while it is the source.
+        if (source != SEL_RADIO && S().radio.stop) S().radio.stop();
     }
     S().selectedSource = source;
+}
+
+void setRadioHooks(const RadioHooks& hooks) {
+    Lock g(playMutex());
+    S().radio = hooks;
+}
+
+int startRadioChannel() {
+    std::lock_guard<std::mutex> turn(startMutex());
+    Lock g(playMutex());
+    PlayState& s = S();
+    for (int ch = 0; ch < 2; ch++)
+        if (s.channel[ch].source != SRC_RADIO) stopChannelLocked(ch);
+    s.channel[1] = PlayChannel();
+    PlayChannel& c = s.channel[0];
+    c.source = SRC_RADIO;
+    c.nearEOF = 0;
+    s.mix = 0;
+    s.mixstep = 0;
+    s.fading = false;
+    s.fadeWait = 0;
+    s.samplesIntoTrack = 0;
+    s.dropout = 0;
+    s.internetRadioSamplesPlayed = 0;
+    s.playingVariable = 1;
+    return 1;
+}
+
+void stopRadioChannel() {
+    Lock g(playMutex());
+    for (int ch = 0; ch < 2; ch++)
+        if (S().channel[ch].source == SRC_RADIO) stopChannelLocked(ch);
+}
+
+bool isRadioPlaying() {
+    return S().channel[0].source == SRC_RADIO || S().channel[1].source == SRC_RADIO;
 }
 
 void selectSource(int source) {

@@ -83,6 +83,22 @@ bool isPlaying();
 // The channel the listener hears most of (the newest track while fading).
 int currentChannel();
 
+// The internet radio's side of the radio channel. Playback calls these and
+// never the radio code itself, which sits above it.
+struct RadioHooks {
+    int (*samples)(void* dst, int frames) = nullptr;  // frames delivered, 0 when dry
+    void (*dropout)() = nullptr;                      // the channel found nothing to play
+    void (*playedEnough)() = nullptr;                 // 500000 frames since the last dropout
+    void (*stop)() = nullptr;                         // the channel or the source was left
+    int (*resume)() = nullptr;                        // "play" with the radio chosen and silent
+};
+void setRadioHooks(const RadioHooks& hooks);
+// Channel 0 becomes the radio (the other is stopped); 1 when done.
+int startRadioChannel();
+bool isRadioPlaying();
+// Stops the radio channel, and nothing else.
+void stopRadioChannel();
+
 int getSelectedSource();
 void selectSourceRaw(int source);
 void selectSource(int source);

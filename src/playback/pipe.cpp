@@ -160,6 +160,9 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
                                      // the raw muxer only passes the samples through.
                                      hi ? "s32le" : "u16le", "-ar", hi ? "96000" : "44100",
                                      s.pipeName};
+    // A live stream gives its first kilobytes at once and the rest in real
+    // time: ffmpeg's own format probe would wait seconds for a megabyte.
+    if (streamInput_) argv.insert(argv.begin() + 3, {"-formatprobesize", "16384"});
     // Opened here rather than in the child, where a log line could deadlock.
     // Without a reader at this instant (the parser between two children) a
     // write-only open fails; read-write keeps the progress for the parser.
@@ -278,6 +281,13 @@ void DecoderPipes::stopPipe2(int slot) {
     if (!pipeRunning(slot)) return;
     std::lock_guard<std::mutex> hold(pipeMutex_);
     forgetChild(slot, false);
+}
+
+void DecoderPipes::stopPipeOf(int slot, pid_t pid) {
+    if (slot < 0 || slot >= kSlots || pid <= 0) return;
+    std::lock_guard<std::mutex> hold(pipeMutex_);
+    if (slots_[slot].pipePid != pid) return;
+    killPipe(slot);
 }
 
 void DecoderPipes::stopBothPipes() {
@@ -435,7 +445,9 @@ int DecoderPipes::startRadioPipe(const std::string& path, FILE** out) {
     int slot;
     {
         std::lock_guard<std::mutex> hold(pipeMutex_);
+        streamInput_ = true;
         slot = startPipePlay(path);
+        streamInput_ = false;
     }
     if (slot < 0) {
         kzLog("startPipePlay () failed\n");

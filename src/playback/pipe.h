@@ -71,6 +71,9 @@ class DecoderPipes {
     void killPipe(int slot);
     void stopPipe(int slot);
     void stopPipe2(int slot);
+    // Stops the slot's decoder only while it is still the child pid: the
+    // slot may have gone to another track since.
+    void stopPipeOf(int slot, pid_t pid);
     void stopBothPipes();
     void killFfmpegs();
     void deleteZombies();
@@ -132,6 +135,8 @@ class DecoderPipes {
     int pipeOpenFailCount_ = 0;
     std::mutex pipeMutex_;
     int radioPipeNumber_ = 0;
+    // The next decoder reads a live stream (set under pipeMutex_).
+    bool streamInput_ = false;
 
     // Children that were stopped or forgotten and still need reaping, with
     // when they were let go.

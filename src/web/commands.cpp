@@ -9,9 +9,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <system_error>
 #include <thread>
-#include <string>
 #include <vector>
 
 #include "core/events.h"
@@ -29,8 +29,11 @@
 #include "library/sorting.h"
 #include "playback/control.h"
 #include "playback/output.h"
-#include "ripping/compress.h"
+#include "radio/directory.h"
+#include "radio/radio.h"
+#include "radio/stations.h"
 #include "ripping/cdrom.h"
+#include "ripping/compress.h"
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "web/params.h"
@@ -118,6 +121,10 @@ void playByKind(int id) {
         playPlaylist(idToPlaylist(id), 0);
     } else if (idIsPreset(id)) {
         kzLog("preset %d is a NOT a Playlist\n", idToPreset(id));
+        playPreset(idToPreset(id));
+    } else if (idIsRadio(id)) {
+        kzLog("webPlayID () Radio URL=%s\n", stationList().get(idToRadio(id)).url.c_str());
+        startPlayingInternetRadioS(idToRadio(id));
     } else {
         kzLog("webPlayID () cannot play %d\n", id);
     }
@@ -352,6 +359,8 @@ std::string itemObject(int id) {
         return head + ",\"artist\":" + quoted(artist) +
                ",\"album\":" + quoted(usb ? getUSBAlbumName(a) : getAlbumName(a)) + "}";
     }
+    if (idIsRadio(id))
+        return head + ",\"radio\":" + quoted(getRadioName(idToRadio(id)).c_str()) + "}";
     if (idIsArtist(id)) return head + ",\"artist\":" + quoted(getArtistName(idToArtist(id))) + "}";
     if (idIsUSBArtist(id)) {
         return head + ",\"artist\":" + quoted(cleanUSBArtist(getUSBArtistName(idToUSBArtist(id)))) +
@@ -431,6 +440,10 @@ void webSearch3(const Request& r) {
                 for (int i = byAlbum[a]; i < fill[a]; i++)
                     found.push_back(trackToID(tracks[i]));
             }
+        }
+        if (flag(r.uri, "&radio=")) {
+            for (int index : stationList().search(needle))
+                found.push_back(radioToID(index));
         }
     }
     static thread_local JsonList list;
@@ -826,10 +839,11 @@ void webGetCandidate(const Request& r) {
     r.reply->text = "[]";
     if (index < 1 || index > getLookupCandidateCount()) return;
     Candidate c = getCandidate(index - 1);
-    std::string out = "{\"artist\":" + quoted(c.artist.c_str()) +
-                      ",\"album\":" + quoted(c.album.c_str()) + ",\"year\":" + quoted(c.year.c_str()) +
-                      ",\"genre\":" + quoted(c.genre.c_str()) + ",\"art\":" + quoted(c.art.c_str()) +
-                      ",\"source\":" + quoted(c.source.c_str()) + ",\"tracks\":[";
+    std::string out =
+        "{\"artist\":" + quoted(c.artist.c_str()) + ",\"album\":" + quoted(c.album.c_str()) +
+        ",\"year\":" + quoted(c.year.c_str()) + ",\"genre\":" + quoted(c.genre.c_str()) +
+        ",\"art\":" + quoted(c.art.c_str()) + ",\"source\":" + quoted(c.source.c_str()) +
+        ",\"tracks\":[";
     for (size_t i = 0; i < c.tracks.size(); i++)
         out += (i ? "," : "") + quoted(c.tracks[i].c_str());
     r.reply->text = keep(out + "]}");
@@ -837,6 +851,171 @@ void webGetCandidate(const Request& r) {
 
 // Starts the compression job over the library now (also after it paused
 // for a full disk); the status's "background" follows it.
+// The radio: presets, the station list, the directory and recording.
+
+std::string stationObject(int index) {
+    return "{\"id\":" + std::to_string(radioToID(index)) +
+           ",\"radio\":" + quoted(getRadioName(index).c_str()) + "}";
+}
+
+std::string textParameter(const char* text, const char* name, bool last) {
+    const char* v = findParameter(text, name);
+    if (!v) return "";
+    static thread_local char value[4096];
+    if (last) {
+        stripPercentagesFromURLTail(value, v, sizeof value);
+    } else {
+        stripPercentagesFromURL(value, v, sizeof value);
+    }
+    return value;
+}
+
+void webGetPresets(const Request& r) {
+    static thread_local JsonList list;
+    list = JsonList();
+    for (int i = 0; i < kPresets; i++) {
+        const RadioStation& p = getPreset(i);
+        list.add("{\"name\":" + quoted(p.name.c_str()) + ",\"url\":" + quoted(p.url.c_str()) + "}");
+    }
+    r.reply->text = list.finish();
+}
+
+void storePreset(int preset, const Station& station) {
+    setPreset(preset, station);
+    kzLog("Preset %d = %s <%s>\n", preset, station.name.c_str(), station.url.c_str());
+}
+
+void webSetPresetFromID(const Request& r) {
+    const char* at = r.after;
+    int id = 0, preset = 0;
+    if (!getNumericParameter(&at, "&id=", &id) || !getNumericParameter(&at, "&preset=", &preset) ||
+        preset < 0 || preset >= kPresets) {
+        r.reply->text = "[]";
+        return;
+    }
+    Station s;
+    if (idIsRadio(id)) s = stationList().get(idToRadio(id));
+    if (idIsPreset(id)) s = getPreset(idToPreset(id));
+    if (s.url.empty()) {
+        r.reply->text = "[]";
+        return;
+    }
+    if (idIsRadio(id)) {
+        stationList().keep(idToRadio(id));
+        stationList().save();
+    }
+    storePreset(preset, s);
+    r.reply->text = "\"OK\"";
+}
+
+// "&preset=N&name=...&logo=...&url=..." (the address last: it may hold "&").
+void webSetPreset(const Request& r) {
+    const char* v = findParameter(r.from, "&preset=");
+    int preset = v ? toInt(v) : -1;
+    Station s;
+    s.name = textParameter(r.from, "&name=", false);
+    s.logo = textParameter(r.from, "&logo=", false);
+    s.url = textParameter(r.from, "&url=", true);
+    if (preset < 0 || preset >= kPresets) {
+        kzLog("setPreset: no preset %d\n", preset);
+        return;
+    }
+    if (s.url.empty() && s.name.empty()) {
+        // Both empty clears the preset.
+        storePreset(preset, s);
+        return;
+    }
+    int index = stationList().add(s);
+    if (index < 0) {
+        kzLog("setPreset: %s is not a station address\n", s.url.c_str());
+        return;
+    }
+    stationList().save();
+    storePreset(preset, stationList().get(index));
+}
+
+// "&name=...&logo=...&url=...": a station added by its address.
+void webAddStation(const Request& r) {
+    Station s;
+    s.name = textParameter(r.uri, "&name=", false);
+    s.logo = textParameter(r.uri, "&logo=", false);
+    s.url = textParameter(r.uri, "&url=", true);
+    int index = stationList().add(s);
+    if (index < 0) {
+        kzLog("addStation: %s is not a station address\n", s.url.c_str());
+        r.reply->text = "[]";
+        return;
+    }
+    stationList().save();
+    r.reply->text = keep(stationObject(index));
+}
+
+void replyDirectory(const Request& r, const DirectoryPage& page) {
+    static thread_local JsonList list;
+    list = JsonList();
+    for (const DirectoryEntry& e : page.entries) {
+        bool room = e.id >= 0 ? list.add(stationObject(idToRadio(e.id)))
+                              : list.add("{\"name\":" + quoted(e.name.c_str()) +
+                                         ",\"link\":" + quoted(e.link.c_str()) +
+                                         ",\"count\":" + std::to_string(e.count) + "}");
+        if (!room) break;
+    }
+    r.reply->text = list.finish();
+}
+
+void webVTunerTop(const Request& r) {
+    replyDirectory(r, directoryTop());
+}
+
+void webVTunerSearch(const Request& r) {
+    replyDirectory(r, directorySearch(textParameter(r.from, "&string=", true)));
+}
+
+void webVTunerLink(const Request& r) {
+    replyDirectory(r, directoryLink(textParameter(r.after, "&link=", true)));
+}
+
+void webVTunerBack(const Request& r) {
+    replyDirectory(r, directoryBack());
+}
+
+void webVTunerPlaySearchItem(const Request& r) {
+    int id = getIdParameter(r.after);
+    if (!idIsRadio(id) || getRadioName(idToRadio(id)).empty()) {
+        r.reply->text = "[]";
+        return;
+    }
+    kzLog("webPlayID () Radio URL=%s\n", stationList().get(idToRadio(id)).url.c_str());
+    startPlayingInternetRadioS(idToRadio(id));
+    addEvent(80);
+    r.reply->text = "\"OK\"";
+}
+
+void webStartRecording(const Request& r) {
+    std::string why;
+    if (!startRadioRecording(&why)) {
+        kzLog("startRecording: %s\n", why.c_str());
+        r.reply->text = keep(quoted(why.c_str()));
+        return;
+    }
+    r.reply->text = "\"OK\"";
+}
+
+void webStopRecording(const Request& r) {
+    stopRadioRecording();
+    r.reply->text = "\"OK\"";
+}
+
+// "&limit=N": seconds, 0 for none.
+void webRecordingLimit(const Request& r) {
+    const char* v = findParameter(r.after, "&limit=");
+    if (!v) v = findParameter(r.after, "=");
+    int seconds = v ? std::max(0, toInt(v)) : 0;
+    setRecordingLimit(seconds);
+    kzLog("Recording limit %d s\n", seconds);
+    r.reply->text = "\"OK\"";
+}
+
 void webCompressNow(const Request& r) {
     kickCompression();
     r.reply->text = "\"OK\"";
@@ -960,8 +1139,8 @@ const Command commands[] = {
     {"playalbum", webPlay},
     {"playartist", webPlay},
     {"playID", webPlay},
-    {"setPresetFromID", webNotBuilt},
-    {"setPreset", nullptr},  // replies nothing of its own
+    {"setPresetFromID", webSetPresetFromID},
+    {"setPreset", webSetPreset},  // replies nothing of its own
     {"startPlaylist", webStartPlaylist},
     {"listplaylists", webListPlaylists},
     {"listplaylist", webListPlaylist},
@@ -969,7 +1148,7 @@ const Command commands[] = {
     {"mixPlaylists", webMixPlaylists},
     {"newPlaylist", webNewPlaylist},
     {"deletePlaylistIndex", webDeletePlaylistIndex},
-    {"getPresets", webNotBuilt},
+    {"getPresets", webGetPresets},
     {"setCompression", webSetCompression},
     {"setLogging", webSetLogging},
     {"setSegue", webSetSegue},
@@ -999,11 +1178,11 @@ const Command commands[] = {
     {"stopWebAudio", webTransport},
     {"blob", webTransport},
     {"getDiscid", webGetDiscid},
-    {"vTunerTop", webNotBuilt},
-    {"vTunerLink", webNotBuilt},
-    {"vTunerBack", webNotBuilt},
-    {"vTunerSearch", webNotBuilt},
-    {"vTunerPlaySearchItem", webNotBuilt},
+    {"vTunerTop", webVTunerTop},
+    {"vTunerLink", webVTunerLink},
+    {"vTunerBack", webVTunerBack},
+    {"vTunerSearch", webVTunerSearch},
+    {"vTunerPlaySearchItem", webVTunerPlaySearchItem},
     {"listClasses", webListTags},
     {"getMasks", webGetMasks},
     {"setMasks", webSetMasks},
@@ -1074,9 +1253,9 @@ const Command commands[] = {
     {"scanSonos", webNotBuilt},
     {"resetSonos", webNotBuilt},
     {"sonosStatus", webNotBuilt},
-    {"startRecording", webNotBuilt},
-    {"stopRecording", webNotBuilt},
-    {"recordingLimit", webNotBuilt},
+    {"startRecording", webStartRecording},
+    {"stopRecording", webStopRecording},
+    {"recordingLimit", webRecordingLimit},
     {"slowStatus", getWebSlowStatus},
     {"status", getWebStatus},
     {"back", webBack},
@@ -1093,6 +1272,7 @@ const Command commands[] = {
     {"getCandidate", webGetCandidate},
     {"lookupDisc", webLookupDisc},
     {"compressNow", webCompressNow},
+    {"addStation", webAddStation},
 };
 
 }  // namespace

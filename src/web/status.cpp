@@ -13,6 +13,7 @@
 #include "playback/cd.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "radio/radio.h"
 #include "ripping/cdrom.h"
 #include "ripping/compress.h"
 #include "ripping/lookup.h"
@@ -64,6 +65,10 @@ std::string otherSourceTitle(int selected) {
         return index >= 0 ? "Track " + std::to_string(index + 1) : "CD";
     }
     if (selected == SEL_HDD) return "";
+    if (selected == SEL_RADIO) {
+        std::string title = radioView().title;
+        return title.empty() ? "Radio" : title;
+    }
     return sourceName(selected);
 }
 
@@ -126,7 +131,16 @@ std::string getWebStatusCore(bool full) {
     add(out, "{\"playing\":%d", isPlaying() ? 1 : 0);
     addText(out, "source", sourceName(selected));
     out += ",\"punchThru\":false";
-    out += ",\"recording\":false";
+    RecordingView rec = recordingView();
+    if (rec.recording) {
+        out += ",\"recording\":true";
+        add(out, ",\"recordingDuration\":%d", rec.duration);
+        add(out, ",\"recordingLimit\":%d", rec.limit);
+        addText(out, "recordingSource", rec.source.c_str());
+        addText(out, "recordingPath", rec.path.c_str());
+    } else {
+        out += ",\"recording\":false";
+    }
     out += ",\"ktube\":false";
     out += ",\"kzs\":false";
     out += webRefreshRequested() ? ",\"forceWebRefresh\":true" : ",\"forceWebRefresh\":false";
@@ -171,6 +185,12 @@ std::string getWebStatusCore(bool full) {
         addPlaylist(out);
     } else {
         out += ",\"track\":\"empty\",\"album\":\"empty\",\"artist\":\"empty\"";
+    }
+    if (selected == SEL_RADIO) {
+        RadioView radio = radioView();
+        addText(out, "station", radio.station.c_str());
+        if (full) addText(out, "radioStatus", radio.status.c_str());
+        addText(out, "logo", radio.logo.c_str());
     }
     if (full) add(out, ",\"seconds\":\"%d\"", getTimeIntoTrack());
 
