@@ -155,6 +155,8 @@ FetchReply fetchStream(const std::string& url, const FetchOptions& options,
         // The sink ended it; not a fault of the transfer.
     } else if (rc != CURLE_OK) {
         t.reply.error = why[0] ? why : curl_easy_strerror(rc);
+        t.reply.permanent = rc == CURLE_TOO_MANY_REDIRECTS || rc == CURLE_UNSUPPORTED_PROTOCOL ||
+                            rc == CURLE_URL_MALFORMAT;
     }
     return t.reply;
 }

@@ -17,6 +17,9 @@ struct FetchReply {
     long metaint = 0;          // "icy-metaint": bytes of audio between titles
     std::string error;         // why the transfer ended early, "" when it did not
     bool cancelled = false;
+    // The error will not go away by asking again (a redirect loop, an
+    // address curl cannot use).
+    bool permanent = false;
     size_t bytes = 0;  // body bytes received
 };
 

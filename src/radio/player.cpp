@@ -245,6 +245,25 @@ void RadioPlayer::releaseSlots(Session& s) {
     nextSlot_ = -1;
 }
 
+bool RadioPlayer::decodedAnything(Session& s, int slot) {
+    if (slot < 0) return false;
+    DecoderPipes& pipes = decoderPipes();
+    auto produced = [&] {
+        return pipes.slot(slot).pipeSamples > 0 || pipes.getPipeOccupancy(slot) > 0 ||
+               pipes.slot(slot).ffmpegProduced > 0;
+    };
+    // The decoder has had all the stream gave: it either decodes some of it
+    // or gives up, usually within a second. One that waits on, unread (a
+    // reconnection's, behind the old one), is taken to be decoding.
+    for (int i = 0; i < 60 && !s.stop; i++) {
+        if (produced()) return true;
+        if (!pipes.pipeRunning(slot) || s.slotPid[slot] != pipes.slot(slot).pipePid)
+            return produced();
+        s.nap(0.05);
+    }
+    return true;
+}
+
 bool RadioPlayer::writeAudio(Session& s, const char* data, size_t length) {
     AudioTap tap;
     {
@@ -401,11 +420,9 @@ RadioPlayer::Outcome RadioPlayer::playUrl(Session& s, const std::string& url, in
             return Outcome::Retry;
         case Mode::DecoderGone:
         case Mode::Audio: {
-            bool decoded = s.slot >= 0 && (decoderPipes().slot(s.slot).pipeSamples > 0 ||
-                                           decoderPipes().getPipeOccupancy(s.slot) > 0 ||
-                                           decoderPipes().slot(s.slot).ffmpegProduced > 0);
+            int slot = s.slot;
             endDecoder(s);
-            if (mode == Mode::DecoderGone && !decoded) {
+            if (!decodedAnything(s, slot)) {
                 kzLog("Radio: the decoder could not read the stream of %s\n", url.c_str());
                 return Outcome::Fatal;
             }
@@ -413,13 +430,14 @@ RadioPlayer::Outcome RadioPlayer::playUrl(Session& s, const std::string& url, in
                   mode == Mode::DecoderGone ? "the decoder stopped"
                   : r.error.empty()         ? "closed by the server"
                                             : r.error.c_str());
-            return s.written > 0 ? Outcome::Streamed : Outcome::Retry;
+            return Outcome::Streamed;
         }
         default:
             break;
     }
     if (!r.error.empty()) {
         kzLog("Radio: cannot reach %s: %s\n", url.c_str(), r.error.c_str());
+        if (r.permanent) return Outcome::Fatal;
     } else {
         kzLog("Radio: %s sent nothing\n", url.c_str());
     }

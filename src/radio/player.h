@@ -77,6 +77,8 @@ class RadioPlayer {
     bool startDecoder(Session& s);
     void endDecoder(Session& s);
     bool writeAudio(Session& s, const char* data, size_t length);
+    // Whether the slot's decoder made any sound of what it was given.
+    bool decodedAnything(Session& s, int slot);
     void setState(RadioState state);
     void setTitle(const std::string& title);
     void releaseSlots(Session& s);

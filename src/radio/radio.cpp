@@ -30,7 +30,6 @@ int radioResume() {
 }  // namespace
 
 void initInternetRadio() {
-    stationList().load(getLocalPath());
     RadioHooks hooks;
     hooks.samples = radioSamples;
     hooks.dropout = radioDropout;
@@ -45,6 +44,8 @@ void initInternetRadio() {
 }
 
 void initVtuner() {
+    // The list lives beside kzdb: known only once the disks are up.
+    stationList().load(getLocalPath());
     std::string base = radioDirectoryBase();
     kzLog("Radio directory: %s\n", base.empty() ? "off" : base.c_str());
 }
@@ -139,7 +140,7 @@ bool startRadioRecording(std::string* why) {
     }
     std::string type = radioPlayer().streamType();
     if (type == "application/vnd.apple.mpegurl") type = "video/mp2t";
-    return recorder().start(getLocalPath(), radioPlayer().station().name, type, why);
+    return recorder().start(getMusicDirectory(), radioPlayer().station().name, type, why);
 }
 
 RadioView radioView() {

@@ -47,7 +47,7 @@ bool Recorder::start(const std::string& root, const std::string& station,
     if (album.size() > 120) album.resize(120);
     std::string folder = root + "/" + kArtist;
     std::string albumFolder = folder + "/" + album;
-    if (!makeFolder(folder) || !makeFolder(albumFolder)) {
+    if (!makeFolder(root) || !makeFolder(folder) || !makeFolder(albumFolder)) {
         *why = "cannot make " + albumFolder + ": " + strerror(errno);
         return false;
     }

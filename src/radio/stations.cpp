@@ -35,9 +35,11 @@ StationList& stationList() {
 
 void StationList::load(const std::string& root) {
     std::lock_guard<std::mutex> g(listMutex());
-    path_ = root + "/kzradio";
     stations_.clear();
     kept_.clear();
+    // Without a library there is nowhere to keep stations (they still play).
+    path_ = root.empty() ? "" : root + "/kzradio";
+    if (path_.empty()) return;
     File f(fopen(path_.c_str(), "r"));
     if (!f) return;
     char line[4096];

@@ -100,7 +100,7 @@ export class Stack {
     // unless the test hands in local stand-ins.
     const env = {
       ...process.env, KZ_ROOT: this.root, KZ_PCM: 'null', KZ_CDROM: cue,
-      KZ_MUSICBRAINZ: '', KZ_CDDB: '', KZ_COVERART: '', ...(this.env || {}),
+      KZ_MUSICBRAINZ: '', KZ_CDDB: '', KZ_COVERART: '', KZ_RADIO_DIRECTORY: '', ...(this.env || {}),
     };
     delete env.KZ_VERBOSE;
     this.daemon = spawn(KZ_BIN, [], { env, stdio: ['ignore', 'pipe', 'pipe'] });

@@ -30,7 +30,7 @@ class Daemon:
         full_env["KZ_ROOT"] = self.root
         # Tests never reach the internet: the disc lookup's services are off
         # unless a test points them at its own local stand-ins.
-        for name in ("KZ_MUSICBRAINZ", "KZ_CDDB", "KZ_COVERART"):
+        for name in ("KZ_MUSICBRAINZ", "KZ_CDDB", "KZ_COVERART", "KZ_RADIO_DIRECTORY"):
             full_env[name] = ""
         full_env.update(env or {})
         self.proc = subprocess.Popen(command or [KZ_BIN], env=full_env, stdout=subprocess.PIPE,
