@@ -1,10 +1,19 @@
+#include "radio/radio.h"
+
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "core/events.h"
+#include "core/ui.h"
+#include "library/settings.h"
+#include "playback/control.h"
 #include "radio/icy.h"
 #include "radio/playlist.h"
+#include "radio/recorder.h"
+#include "tests/unit/decoder_fixture.h"
 
 namespace {
 
@@ -174,4 +183,96 @@ TEST(IcyTest, TitlesAreCleanedForShowing) {
     std::string cut = icyStreamTitle(wide + "';");
     EXPECT_EQ(cut.size(), 512u);
     EXPECT_EQ(cleanStreamText(cut, 9999), cut);
+}
+
+namespace {
+
+int dryPeriods = 0;
+int dropouts = 0;
+int enough = 0;
+int stops = 0;
+
+int fakeSamples(void* dst, int frames) {
+    if (dryPeriods > 0) {
+        dryPeriods--;
+        return 0;
+    }
+    memset(dst, 0x11, static_cast<size_t>(frames) * 4);
+    return frames;
+}
+
+}  // namespace
+
+// The mixer's side of the radio channel: a dry spell is reported once, at
+// its start; 500000 frames played report that the stream is healthy again.
+TEST(RadioChannelTest, DrySpellsAreReportedOnceAndLongPlayIsReported) {
+    resetSettings();
+    resetPlayback();
+    RadioHooks hooks;
+    hooks.samples = fakeSamples;
+    hooks.dropout = [] { dropouts++; };
+    hooks.playedEnough = [] { enough++; };
+    hooks.stop = [] { stops++; };
+    setRadioHooks(hooks);
+    selectRADIO();
+    startRadioChannel();
+    ASSERT_TRUE(isRadioPlaying());
+    std::vector<uint8_t> period(4096 * 4);
+    dryPeriods = 5;
+    for (int i = 0; i < 8; i++)
+        getSamples(period.data(), 4096);
+    EXPECT_EQ(dropouts, 1);
+    EXPECT_EQ(period[0], 0x11);
+    dryPeriods = 2;
+    for (int i = 0; i < 3; i++)
+        getSamples(period.data(), 4096);
+    EXPECT_EQ(dropouts, 2);
+    EXPECT_EQ(enough, 0);
+    for (int i = 0; i < 130; i++)
+        getSamples(period.data(), 4096);
+    EXPECT_EQ(enough, 1);
+    EXPECT_TRUE(isPlaying());
+    // Leaving the radio stops its stream; another source does not use it.
+    selectHDD();
+    EXPECT_FALSE(isRadioPlaying());
+    EXPECT_GE(stops, 1);
+    setRadioHooks(RadioHooks());
+    resetPlayback();
+}
+
+class RadioKeysTest : public decoder_test::DecoderTest {};
+
+// The radio key plays the current station, event 77 starts it over, the
+// record key records only what streams, and choosing the library ends it.
+TEST_F(RadioKeysTest, KeysStartRestartAndLeaveTheRadio) {
+    resetSettings();
+    resetPlayback();
+    uiQInit();
+    initInternetRadio();
+    // Nothing listens on port 9: the stream keeps reconnecting.
+    RadioStation closed{"Closed", "http://127.0.0.1:9/", ""};
+    setCurrentRadio(closed);
+    doui(47);
+    EXPECT_EQ(getSelectedSource(), SEL_RADIO);
+    EXPECT_TRUE(isRadioPlaying());
+    EXPECT_EQ(radioPlayer().station().name, "Closed");
+    auto waitFor = [](const char* status) {
+        for (int i = 0; i < 100 && radioPlayer().statusText() != status; i++)
+            usleep(50000);
+        return radioPlayer().statusText();
+    };
+    EXPECT_EQ(waitFor("Reconnecting"), "Reconnecting");
+    doui(77);
+    EXPECT_TRUE(radioPlayer().active());
+    EXPECT_EQ(waitFor("Reconnecting"), "Reconnecting");
+    doui(21);
+    EXPECT_FALSE(recorder().recording());
+    selectHDD();
+    for (int i = 0; i < 100 && radioPlayer().active(); i++)
+        usleep(20000);
+    EXPECT_FALSE(radioPlayer().active());
+    EXPECT_FALSE(isRadioPlaying());
+    radioPlayer().stop();
+    setRadioHooks(RadioHooks());
+    resetPlayback();
 }
