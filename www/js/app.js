@@ -4,13 +4,14 @@ import * as now from './now.js';
 import * as library from './library.js';
 import * as playlists from './playlists.js';
 import * as cd from './cd.js';
+import * as radio from './radio.js';
 import * as upload from './upload.js';
 import * as settings from './settings.js';
 import { subscribe, setFast, pollNow } from './status.js';
 
-const views = { now, library, playlists, cd, upload, settings };
+const views = { now, library, playlists, cd, radio, upload, settings };
 // The views that show time or progress follow the full status every second.
-const FAST_VIEWS = new Set(['now', 'cd']);
+const FAST_VIEWS = new Set(['now', 'cd', 'radio']);
 const $ = (id) => document.getElementById(id);
 
 let currentView = null;

@@ -71,10 +71,22 @@ function render(s) {
   artist.href = s.artistid ? `#/library/artist/${s.artistid}` : '#/library';
   album.href = s.albumid ? `#/library/album/${s.albumid}` : '#/library';
   $('now-by').hidden = !hasTrack(s) || !s.artist;
-  const source = [s.source, s.playlist && s.playlist !== 'All Music' ? `playlist ${s.playlist}` : s.playlist].filter(Boolean);
-  $('now-source').textContent = source.join(' · ');
+  const radio = s.source === 'Radio';
+  const source = radio
+    ? ['Radio', s.station !== s.track ? s.station : '', s.radioStatus]
+    : [s.source, s.playlist && s.playlist !== 'All Music' ? `playlist ${s.playlist}` : s.playlist];
+  $('now-source').textContent = source.filter(Boolean).join(' · ');
 
-  if (s.albumid && s.albumid !== lastAlbum) {
+  // A station's logo stands where an album's cover would.
+  const logo = radio && /^https?:\/\//.test(String(s.logo || '')) ? s.logo : '';
+  if (radio && logo !== lastAlbum) {
+    lastAlbum = logo;
+    for (const img of [$('now-art'), $('strip-art')]) {
+      img.hidden = true;
+      if (logo) img.src = logo;
+      else img.removeAttribute('src');
+    }
+  } else if (!radio && s.albumid && s.albumid !== lastAlbum) {
     lastAlbum = s.albumid;
     for (const img of [$('now-art'), $('strip-art')]) {
       img.hidden = true;
@@ -100,7 +112,7 @@ function render(s) {
   if (!held($('segue')) && ['off', 'short', 'on'].includes(segue)) $('segue').value = segue;
 
   $('strip-title').textContent = title;
-  $('strip-sub').textContent = hasTrack(s) ? s.artist : '';
+  $('strip-sub').textContent = radio ? s.station || '' : hasTrack(s) ? s.artist : '';
 }
 
 const signed = (v) => (Number(v) > 0 ? '+' + v : String(v));
