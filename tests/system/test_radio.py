@@ -289,3 +289,51 @@ def test_presets_directory_and_station_list_survive_a_restart(daemon, tmp_path, 
     r2.wait("radioStatus", "Playing", timeout=10)
     assert r2.status()["station"] == "My & Tone"
     assert r2.d.stop() == 0
+
+
+def test_every_common_stream_form_plays_and_records(daemon, tmp_path, servers):
+    web = servers("web")
+    forms = [("aac", "audio/aac", ["-c:a", "aac", "-b:a", "96k", "-f", "adts"], 600),
+             ("ogg", "application/ogg", ["-c:a", "libvorbis", "-f", "ogg"], 700),
+             ("opus", "audio/ogg", ["-c:a", "libopus", "-b:a", "96k", "-f", "ogg"], 800),
+             ("flac", "audio/flac", ["-c:a", "flac", "-f", "flac"], 900)]
+    for name, kind, codec, freq in forms:
+        path = tmp_path / f"tone.{name}"
+        subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                        f"sine=frequency={freq}:sample_rate=48000:duration=30", "-ac", "2", *codec,
+                        str(path)], check=True)
+        data = path.read_bytes()
+
+        def serve(h, data=data, kind=kind):
+            # One copy of the file, slowly, like a station's first minute.
+            h.send_response(200)
+            h.send_header("Content-Type", kind)
+            h.end_headers()
+            for at in range(0, len(data), 8192):
+                if web.stopping:
+                    return
+                h.wfile.write(data[at:at + 8192])
+                time.sleep(0.02)
+        web.routes["/" + name] = serve
+    r = Radio(daemon, tmp_path)
+    for name, kind, codec, freq in forms:
+        r.api(f"playID&id={r.add(web.url('/' + name), name)}")
+        r.wait("station", name)
+        r.wait("radioStatus", "Playing", timeout=10)
+        r.d.wait_for(f"/{name} streams {kind}")
+        time.sleep(1.5)
+        assert abs(r.heard() - freq) < 20, (name, r.heard())
+        if name == "opus":
+            # Started mid-stream: the Ogg headers are put in front.
+            assert r.api("startRecording") == '"OK"'
+            time.sleep(2.5)
+            path = r.status()["recordingPath"]
+            assert path.endswith(".m4a")
+            assert r.api("stopRecording") == '"OK"'
+            probe = subprocess.run(["ffprobe", "-v", "error", "-show_entries",
+                                    "stream=codec_name:format=duration", "-of", "json", path],
+                                   capture_output=True, text=True)
+            info = json.loads(probe.stdout)
+            assert info["streams"][0]["codec_name"] == "opus", info
+            assert 1.5 < float(info["format"]["duration"]) < 5, info
+    assert r.d.stop() == 0
