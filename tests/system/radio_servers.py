@@ -217,6 +217,9 @@ class StreamServer:
     def start_hls(self, freq, fmp4=False):
         """A live HLS stream written by ffmpeg's hls muxer: AAC in MPEG-TS
         (or fragmented MP4) segments of 1 s, six in the playlist."""
+        if self.hls and self.hls.poll() is None:
+            self.hls.kill()
+            self.hls.wait()
         out = self.folder / "hls"
         shutil.rmtree(out, ignore_errors=True)
         out.mkdir(parents=True)

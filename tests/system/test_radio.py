@@ -182,6 +182,15 @@ def test_playlist_forms_hls_and_titles_from_a_local_server(daemon, tmp_path, ser
     time.sleep(3)
     assert abs(r.heard() - 660) < 20, r.heard()
     assert any("hls/index.m3u8?v=1" in q for q in web.requests)
+
+    # Fragmented MP4 segments, after their initialisation segment.
+    web.missing_segments = set()
+    web.start_hls(880, fmp4=True)
+    r.api(f"playID&id={r.add(web.url('/hls/index.m3u8'), 'fMP4')}")
+    r.wait("station", "fMP4")
+    r.wait("radioStatus", "Playing", timeout=15)
+    time.sleep(2.5)
+    assert abs(r.heard() - 880) < 20, r.heard()
     assert r.d.stop() == 0
 
 

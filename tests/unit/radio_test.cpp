@@ -10,9 +10,11 @@
 #include "core/ui.h"
 #include "library/settings.h"
 #include "playback/control.h"
+#include "radio/directory.h"
 #include "radio/icy.h"
 #include "radio/playlist.h"
 #include "radio/recorder.h"
+#include "radio/stations.h"
 #include "tests/unit/decoder_fixture.h"
 
 namespace {
@@ -275,4 +277,27 @@ TEST_F(RadioKeysTest, KeysStartRestartAndLeaveTheRadio) {
     radioPlayer().stop();
     setRadioHooks(RadioHooks());
     resetPlayback();
+}
+
+// Directory replies: junk and wrong shapes give nothing; stations without a
+// web address are skipped; found stations are known but not kept.
+TEST(DirectoryTest, JunkGivesNothingAndStationsJoinTheListUnkept) {
+    stationList().clear();
+    for (const char* junk : {"", "junk", "{\"name\":\"x\"}", "[1,2,\"x\",null]", "[{\"name\":5}]",
+                             "[{\"name\":\"No address\",\"url\":\"file:///etc/passwd\"}]"})
+        EXPECT_TRUE(parseDirectoryStations(junk).empty()) << junk;
+    auto found = parseDirectoryStations(
+        "[{\"name\":\"A \\\"q\\\"\\u0001\",\"url\":\"http://a/\",\"url_resolved\":\"https://a/r\","
+        "\"favicon\":\"javascript:alert(1)\"},{\"name\":\"\",\"url\":\"http://b/\"}]");
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].name, "A \"q\"");
+    EXPECT_EQ(stationList().get(found[0].id - 5000000).url, "https://a/r");
+    EXPECT_EQ(stationList().get(found[0].id - 5000000).logo, "");
+    EXPECT_EQ(found[1].name, "http://b/");
+    EXPECT_EQ(
+        parseDirectoryFolders("[{\"name\":\"jazz\",\"stationcount\":\"12\"},{\"x\":1}]", "genre")[0]
+            .link,
+        "genre/jazz");
+    EXPECT_TRUE(parseDirectoryFolders("{}", "genre").empty());
+    stationList().clear();
 }
