@@ -67,7 +67,8 @@ RadioPlayer::~RadioPlayer() {
 }
 
 void RadioPlayer::play(const Station& station) {
-    stop();
+    std::lock_guard<std::mutex> turn(controlMutex_);
+    stopLocked();
     auto s = std::make_shared<Session>();
     s->station = station;
     {
@@ -96,6 +97,11 @@ void RadioPlayer::requestStop() {
 }
 
 void RadioPlayer::stop() {
+    std::lock_guard<std::mutex> turn(controlMutex_);
+    stopLocked();
+}
+
+void RadioPlayer::stopLocked() {
     requestStop();
     if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
     std::lock_guard<std::mutex> g(mutex_);

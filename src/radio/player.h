@@ -83,6 +83,10 @@ class RadioPlayer {
     void setTitle(const std::string& title);
     void releaseSlots(Session& s);
 
+    void stopLocked();
+
+    // Starting and stopping take turns (the web and the main loop both do).
+    std::mutex controlMutex_;
     mutable std::mutex mutex_;
     std::shared_ptr<Session> session_;
     std::thread thread_;
