@@ -45,49 +45,40 @@ std::string& lastLink() {
     return s;
 }
 
-DirectoryPage fetchStations(const std::string& path) {
-    DirectoryPage page;
+// The directory's JSON array at path, or false (logged) when it is off or
+// answers anything else.
+bool fetchArray(const std::string& path, std::string* body) {
     std::string base = radioDirectoryBase();
     if (base.empty()) {
         kzLog("Radio directory: off (KZ_RADIO_DIRECTORY is empty)\n");
-        return page;
+        return false;
     }
-    std::string body;
-    FetchReply r = fetchAll(base + path, kTimeoutSeconds, kReplyBytes, nullptr, &body);
+    FetchReply r = fetchAll(base + path, kTimeoutSeconds, kReplyBytes, nullptr, body);
     if (r.status != 200 || !r.error.empty()) {
         kzLog("Radio directory: %s answered %ld %s\n", path.c_str(), r.status, r.error.c_str());
-        return page;
+        return false;
     }
-    Json json(cJSON_ParseWithLength(body.data(), body.size()));
+    Json json(cJSON_ParseWithLength(body->data(), body->size()));
     if (!cJSON_IsArray(json.get())) {
         kzLog("Radio directory: %s did not answer a list\n", path.c_str());
-        return page;
+        return false;
     }
-    page.ok = true;
-    page.entries = parseDirectoryStations(body);
+    return true;
+}
+
+DirectoryPage fetchStations(const std::string& path) {
+    DirectoryPage page;
+    std::string body;
+    page.ok = fetchArray(path, &body);
+    if (page.ok) page.entries = parseDirectoryStations(body);
     return page;
 }
 
 DirectoryPage fetchFolders(const std::string& path, const std::string& prefix) {
     DirectoryPage page;
-    std::string base = radioDirectoryBase();
-    if (base.empty()) {
-        kzLog("Radio directory: off (KZ_RADIO_DIRECTORY is empty)\n");
-        return page;
-    }
     std::string body;
-    FetchReply r = fetchAll(base + path, kTimeoutSeconds, kReplyBytes, nullptr, &body);
-    if (r.status != 200 || !r.error.empty()) {
-        kzLog("Radio directory: %s answered %ld %s\n", path.c_str(), r.status, r.error.c_str());
-        return page;
-    }
-    Json json(cJSON_ParseWithLength(body.data(), body.size()));
-    if (!cJSON_IsArray(json.get())) {
-        kzLog("Radio directory: %s did not answer a list\n", path.c_str());
-        return page;
-    }
-    page.ok = true;
-    page.entries = parseDirectoryFolders(body, prefix);
+    page.ok = fetchArray(path, &body);
+    if (page.ok) page.entries = parseDirectoryFolders(body, prefix);
     return page;
 }
 
