@@ -274,6 +274,16 @@ TEST_F(RadioKeysTest, KeysStartRestartAndLeaveTheRadio) {
         usleep(20000);
     EXPECT_FALSE(radioPlayer().active());
     EXPECT_FALSE(isRadioPlaying());
+
+    // A station that never answers is given up on ("about two minutes" on
+    // the box; two seconds here), and the radio falls silent.
+    radioPlayer().giveUpSeconds = 2;
+    doui(47);
+    EXPECT_EQ(waitFor("Stream failed"), "Stream failed");
+    for (int i = 0; i < 100 && isRadioPlaying(); i++)
+        usleep(20000);
+    EXPECT_FALSE(isRadioPlaying());
+    radioPlayer().giveUpSeconds = 120;
     radioPlayer().stop();
     setRadioHooks(RadioHooks());
     resetPlayback();
