@@ -92,12 +92,12 @@ void globalHandling(int event) {
         startPlayingPrev();
     } else if (event == 74) {
         int t = idToTrack(lib().currentID);
-        if (isClassical() && !isPlaylistPlaying() && idIsTrack(lib().currentID) &&
-            t < getTrackCount() && isLastTrackOfAlbum(t)) {
+        if (isClassical() && !isPlaylistPlaying() && !hasQueuedTracks() &&
+            idIsTrack(lib().currentID) && t < getTrackCount() && isLastTrackOfAlbum(t)) {
             kzLog("NEXTEVENT Classical mode do nothing at end\n");
             return;
         }
-        startPlayingNext();
+        startPlayingNextAfterEnd();
     } else if (event == 87) {
         kzLog("CLASSICALSTOP event\n");
         stopPlay();

@@ -38,7 +38,8 @@ struct State {
     // Read without the lock: the output thread asks it once a period, and
     // must not wait behind a library save.
     std::atomic<int> playing{-1};
-    std::vector<int> order;  // tracks of the playing playlist
+    std::atomic<int> queued{0};  // entries of the queue
+    std::vector<int> order;      // tracks of the playing playlist
     int position = 0;
 };
 
@@ -69,7 +70,9 @@ void updateFlags() {
     std::fill_n(l.trackInPlaylist.get(), Library::kMaxTracks, 0);
     std::fill_n(l.albumInPlaylist.get(), Library::kMaxAlbums, 0);
     std::fill_n(l.artistInPlaylist.get(), Library::kMaxArtists, 0);
+    int queued = 0;
     for (const Playlist& p : P().lists) {
+        if (p.name == "Queue") queued = static_cast<int>(p.ids.size());
         for (int id : p.ids) {
             if (!validItem(id)) continue;
             if (idIsTrack(id)) l.trackInPlaylist[idToTrack(id)] = 1;
@@ -77,6 +80,7 @@ void updateFlags() {
             if (idIsArtist(id)) l.artistInPlaylist[idToArtist(id)] = 1;
         }
     }
+    P().queued = queued;
 }
 
 std::vector<int> expand(const std::vector<int>& ids) {
@@ -384,6 +388,44 @@ bool mixPlaylist(int index) {
     Lock g;
     if (index < 0 || index >= static_cast<int>(s.lists.size())) return false;
     std::shuffle(s.lists[index].ids.begin(), s.lists[index].ids.end(), rng());
+    savePlaylists();
+    return true;
+}
+
+int takeQueuedTrack() {
+    State& s = P();
+    Lock g;
+    int index = findPlaylistByName("Queue");
+    if (index < 0) return -1;
+    std::vector<int>& ids = s.lists[index].ids;
+    while (!ids.empty()) {
+        int id = ids.front();
+        ids.erase(ids.begin());
+        std::vector<int> tracks = expand({id});
+        if (tracks.empty()) continue;
+        // The rest of an album or artist waits at the front, as tracks.
+        for (size_t i = tracks.size() - 1; i > 0; i--)
+            ids.insert(ids.begin(), trackToID(tracks[i]));
+        if (s.playing == index) stopPlaylistPlayback();
+        updateFlags();
+        savePlaylists();
+        return tracks.front();
+    }
+    return -1;
+}
+
+bool hasQueuedTracks() {
+    return P().queued > 0;
+}
+
+bool clearQueue() {
+    State& s = P();
+    Lock g;
+    int index = findPlaylistByName("Queue");
+    if (index < 0) return false;
+    s.lists[index].ids.clear();
+    if (s.playing == index) stopPlaylistPlayback();
+    updateFlags();
     savePlaylists();
     return true;
 }

@@ -41,6 +41,13 @@ bool renamePlaylist(int index, const std::string& name);
 bool mixPlaylist(int index);
 // The "Queue" playlist, made when missing; -1 when it cannot be.
 int getQueuePlaylist();
+// Takes the queue's first track off it (an album or artist entry gives its
+// tracks one at a time, in album order); -1 when nothing is queued.
+int takeQueuedTrack();
+// Empties the queue. False when there is none.
+bool clearQueue();
+// Whether anything waits in the queue (no lock: the output thread asks).
+bool hasQueuedTracks();
 
 // Playing a playlist: its entries expanded to tracks, in order (shuffled in
 // random mode). It starts at the first entry holding fromId (0: the first).

@@ -55,6 +55,11 @@ struct PlayState {
     int selectedSource = SEL_HDD;
     long long internetRadioSamplesPlayed = 0;
     RadioHooks radio;
+    std::atomic<bool> paused{false};
+    int repeatMode = REPEAT_NONE;
+    // The track that played when queued tracks took over: when the queue
+    // is empty, playing goes on from it as it would have.
+    int queueReturnId = INVALID_ID;
 };
 
 PlayState& S() {
@@ -234,6 +239,9 @@ void resetPlayback() {
     s.samplesIntoTrack = 0;
     s.randomMode = 0;
     s.dropout = 0;
+    s.paused = false;
+    s.repeatMode = REPEAT_NONE;
+    s.queueReturnId = INVALID_ID;
 }
 
 void getSamples(void* out, int frames) {
@@ -251,7 +259,7 @@ void getSamples(void* out, int frames) {
     if (fb == 8 ? getWebSamples(reinterpret_cast<int32_t*>(dest), frames)
                 : getWebSamples(reinterpret_cast<int16_t*>(dest), frames))
         return;
-    if (!s.playingVariable) {
+    if (!s.playingVariable || s.paused) {
         fillIdle(dest, frames * fb);
         return;
     }
@@ -264,7 +272,7 @@ void getSamples(void* out, int frames) {
         int source = s.channel[ch].source;
         int n = getChannelSamples(ch, dest, frames);
         if (n == 0 && source != SRC_IDLE && !isPlaylistPlaying() && isClassical() &&
-            isLastTrackOfAlbum(idToTrack(lib().currentID))) {
+            !hasQueuedTracks() && isLastTrackOfAlbum(idToTrack(lib().currentID))) {
             addEvent(87);
         }
         startNext(ch);
@@ -548,6 +556,7 @@ int startPlayingTrack(const std::string& path) {
         return 0;
     }
     Lock g(playMutex());
+    S().paused = false;
     PlayChannel& c = S().channel[ch];
     c.source = SRC_PIPE;
     c.playPipe = slot;
@@ -633,19 +642,11 @@ int startPlayingID(int id) {
     return startPlayingLocalID(id);
 }
 
-int startPlayingNext() {
-    if (S().channel[0].source == SRC_CD) {
-        int next = getCDTrackIndex() + 1;
-        return next < getCDTrackCount() ? startPlayingCD(next) : 0;
-    }
-    if (isPlaylistPlaying()) {
-        int next = playlistNextTrack();
-        if (next >= 0) return playTrackIndex(next);
-        stopPlaylistPlayback();
-        return 0;
-    }
-    int t = idToTrack(lib().currentID);
-    if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
+namespace {
+
+// What follows track t by the play mode, when nothing is queued.
+int playNextByMode(int t, bool afterEnd) {
+    if (afterEnd && S().repeatMode == REPEAT_TRACK) return playTrackIndex(t);
     if (S().randomMode) {
         int next = shuffleNext(t);
         return next >= 0 ? playTrackIndex(next) : 0;
@@ -653,12 +654,52 @@ int startPlayingNext() {
     std::vector<int> tracks = albumTrackOrder(getParentAlbum(t));
     auto it = std::find(tracks.begin(), tracks.end(), t);
     if (it != tracks.end() && it + 1 != tracks.end()) return playTrackIndex(*(it + 1));
+    if (S().repeatMode == REPEAT_ALBUM && !tracks.empty()) return playTrackIndex(tracks.front());
     // After an album's last track comes the next album's first.
     for (int a = getParentAlbum(t) + 1; a < getAlbumCount(); a++) {
         std::vector<int> next = albumTrackOrder(a);
         if (!next.empty()) return playTrackIndex(next.front());
     }
     return 0;
+}
+
+int startNextTrack(bool afterEnd) {
+    if (S().channel[0].source == SRC_CD) {
+        int next = getCDTrackIndex() + 1;
+        return next < getCDTrackCount() ? startPlayingCD(next) : 0;
+    }
+    int queued = takeQueuedTrack();
+    if (queued >= 0) {
+        // The first queued track remembers where playing would have gone on.
+        if (S().queueReturnId == INVALID_ID) S().queueReturnId = lib().currentID;
+        kzLog("Playing queued track %d\n", queued);
+        return playTrackIndex(queued);
+    }
+    if (S().queueReturnId != INVALID_ID) {
+        lib().currentID = S().queueReturnId;
+        S().queueReturnId = INVALID_ID;
+    }
+    if (isPlaylistPlaying()) {
+        if (afterEnd && S().repeatMode == REPEAT_TRACK && idIsTrack(lib().currentID))
+            return playTrackIndex(idToTrack(lib().currentID));
+        int next = playlistNextTrack();
+        if (next >= 0) return playTrackIndex(next);
+        stopPlaylistPlayback();
+        return 0;
+    }
+    int t = idToTrack(lib().currentID);
+    if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
+    return playNextByMode(t, afterEnd);
+}
+
+}  // namespace
+
+int startPlayingNext() {
+    return startNextTrack(false);
+}
+
+int startPlayingNextAfterEnd() {
+    return startNextTrack(true);
 }
 
 int startPlayingPrev() {
@@ -681,7 +722,10 @@ int startPlayingPrev() {
 }
 
 void playStop() {
-    if (isPlaying()) {
+    if (isPlaying() && S().paused) {
+        // Nothing sounds: a fade would never run its course.
+        stopCode();
+    } else if (isPlaying()) {
         fadeOut(stopCode);
     } else if (S().selectedSource == SEL_RADIO && S().radio.resume) {
         S().radio.resume();
@@ -694,6 +738,7 @@ void stopPlayNoMute() {
     Lock g(playMutex());
     for (int ch = 0; ch < 2; ch++)
         stopChannelLocked(ch);
+    S().paused = false;
     S().fading = false;
     S().fadeWait = 0;
     S().playingVariable = 0;
@@ -787,6 +832,36 @@ void selectRADIO() {
 void selectWeb() {
     selectSource(SEL_WEB);
 }
+void setRepeatMode(int mode) {
+    S().repeatMode = mode == REPEAT_ALBUM || mode == REPEAT_TRACK ? mode : REPEAT_NONE;
+}
+int getRepeatMode() {
+    return S().repeatMode;
+}
+
+const char* playModeName() {
+    if (S().randomMode) return "random";
+    if (S().repeatMode == REPEAT_TRACK) return "repeat-track";
+    if (S().repeatMode == REPEAT_ALBUM) return "repeat-album";
+    return isClassical() ? "album" : "continue";
+}
+
+void pausePlayback() {
+    if (!isPlaying() || S().paused) return;
+    kzLog("pause\n");
+    S().paused = true;
+}
+
+void resumePlayback() {
+    if (!S().paused) return;
+    kzLog("resume\n");
+    S().paused = false;
+}
+
+bool isPaused() {
+    return S().paused;
+}
+
 void setRandomMode(int on) {
     S().randomMode = on;
 }

@@ -71,7 +71,10 @@ int startPlayingRaw(const std::string& path);
 int startPlayingCD(int index);
 int startPlayingID(int id);
 int startPlayingLocalID(int id);
+// The next track: a queued one first (each once), else by the play mode.
+// The user's "next" skips a repeated track; the end of a track repeats it.
 int startPlayingNext();
+int startPlayingNextAfterEnd();
 // True for the album's last track in play order (or a track that is gone).
 bool isLastTrackOfAlbum(int t);
 int startPlayingPrev();
@@ -109,6 +112,21 @@ void selectRADIO();
 void selectWeb();
 void setRandomMode(int on);
 int getRandomMode();
+
+// What follows an album's last track or a track's end, besides random and
+// the classical stop (which keep their own settings).
+enum RepeatMode { REPEAT_NONE = 0, REPEAT_ALBUM = 1, REPEAT_TRACK = 2 };
+void setRepeatMode(int mode);
+int getRepeatMode();
+// "continue", "album" (the classical stop), "repeat-album", "repeat-track"
+// or "random".
+const char* playModeName();
+
+// Pause holds the output on its idle value; decoders, position and clock
+// wait where they are, and resume goes on from the same sample.
+void pausePlayback();
+void resumePlayback();
+bool isPaused();
 
 // Seconds.
 int getTimeIntoTrack();

@@ -670,18 +670,18 @@ void webQueueID(const Request& r) {
     if (forSonosZone(r, "queueID") || !getNumericParameter(&p, "&id=", &id)) return;
     lockQueue();
     int queue = getQueuePlaylist();
-    bool ok = queue >= 0 && addToPlaylist(queue, id, kMaxPlaylistEntries);
-    // With nothing playing, the queue starts at what was just queued.
-    bool start = ok && !isPlaying();
-    if (start) {
-        int first = startPlaylistPlayback(queue, id, false);
-        if (first >= 0) {
-            if (getSelectedSource() != SEL_HDD) selectHDD();
-            lib().currentID = trackToID(first);
-        }
-    }
+    std::vector<int> waiting = getPlaylistEntries(queue);
+    // Queued twice is still played once.
+    bool already = std::find(waiting.begin(), waiting.end(), id) != waiting.end();
+    bool ok = queue >= 0 && (already || addToPlaylist(queue, id, kMaxPlaylistEntries));
     unlockQueue();
-    if (start) wakeAndAddEvent(1);
+    // With nothing playing, the queue starts at once.
+    if (ok && !isPlaying()) {
+        if (getSelectedSource() != SEL_HDD) selectHDD();
+        stopPlaylistPlayback();
+        startPlayingNext();
+        addEvent(80);
+    }
     if (ok) r.reply->text = "\"OK\"";
 }
 
@@ -1016,6 +1016,52 @@ void webRecordingLimit(const Request& r) {
     r.reply->text = "\"OK\"";
 }
 
+// Pause and resume in one word: paused resumes, playing pauses, stopped
+// starts as "play" would.
+void webPause(const Request& r) {
+    if (isPaused()) {
+        resumePlayback();
+    } else if (isPlaying() && getSelectedSource() == SEL_RADIO) {
+        // A live stream cannot wait: pausing it stops it, resuming starts it.
+        playStop();
+    } else if (isPlaying()) {
+        pausePlayback();
+    } else {
+        playStop();
+    }
+    r.reply->text = isPaused() ? "{\"paused\":true}" : "{\"paused\":false}";
+}
+
+void webClearQueue(const Request& r) {
+    lockQueue();
+    bool ok = clearQueue();
+    unlockQueue();
+    r.reply->text = ok ? "\"OK\"" : "[]";
+}
+
+// "&mode=continue|album|repeat-album|repeat-track|random": one choice over
+// random, the classical stop and repeat.
+void webSetPlayMode(const Request& r) {
+    char mode[32] = "";
+    const char* v = findParameter(r.from, "&mode=");
+    if (v) stripPercentagesFromURL(mode, v, sizeof mode);
+    static const char* const kModes[] = {"continue", "album", "repeat-album", "repeat-track",
+                                         "random"};
+    bool known = false;
+    for (const char* m : kModes)
+        known = known || strcmp(mode, m) == 0;
+    if (known) {
+        setRandomMode(strcmp(mode, "random") == 0);
+        setRepeatMode(strcmp(mode, "repeat-album") == 0   ? REPEAT_ALBUM
+                      : strcmp(mode, "repeat-track") == 0 ? REPEAT_TRACK
+                                                          : REPEAT_NONE);
+        int row = findSettingRow("Classical");
+        if (row >= 0) setSettingValue(row, strcmp(mode, "album") == 0);
+        kzLog("Play mode %s\n", mode);
+    }
+    r.reply->text = keep(std::string("{\"playMode\":\"") + playModeName() + "\"}");
+}
+
 void webCompressNow(const Request& r) {
     kickCompression();
     r.reply->text = "\"OK\"";
@@ -1273,6 +1319,9 @@ const Command commands[] = {
     {"lookupDisc", webLookupDisc},
     {"compressNow", webCompressNow},
     {"addStation", webAddStation},
+    {"pause", webPause},
+    {"clearQueue", webClearQueue},
+    {"setPlayMode", webSetPlayMode},
 };
 
 }  // namespace

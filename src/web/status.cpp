@@ -237,6 +237,9 @@ std::string getWebStatusCore(bool full) {
     out += ",\"sonos\":[],\"sonosActive\":[]";
     if (full) out += ",\"vu\":[0,0,0,0,0,0,0,0,0,0]";
     addText(out, "lookup", cd == CD_READY ? lookupState().c_str() : "");
+    out += isPaused() ? ",\"paused\":true" : ",\"paused\":false";
+    addText(out, "playMode", playModeName());
+    out += hasQueuedTracks() ? ",\"queued\":true" : ",\"queued\":false";
     out += "}";
     return out;
 }
