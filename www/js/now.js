@@ -2,7 +2,7 @@
 // tone and segue; and the strip that shows the same on every other view.
 import { act, artUrl, call } from './api.js';
 import { state, subscribe, pollNow, num } from './status.js';
-import { fmtTime } from './ui.js';
+import { fmtTime, h, splitTags, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -63,7 +63,11 @@ let lastAlbum;
 function render(s) {
   const playing = s.playing === 1 || s.playing === '1';
   const title = hasTrack(s) ? s.track : 'Nothing to play';
-  $('now-track').textContent = title;
+  const { title: shown, tags } = splitTags(title);
+  if ($('now-track').dataset.title !== title) {
+    $('now-track').dataset.title = title;
+    $('now-track').replaceChildren(shown, ...tags.map((t) => h('span', { class: 'tag', title: `Class ${t}`, text: t })));
+  }
   const artist = $('now-artist');
   const album = $('now-album');
   artist.textContent = hasTrack(s) ? s.artist : '';
@@ -94,11 +98,17 @@ function render(s) {
     }
   }
 
+  // Playing: pause. Paused or stopped: play. Stop is its own key.
+  const paused = s.paused === true;
+  const sounding = playing && !paused;
   for (const button of [$('btn-play'), $('strip-play')]) {
-    button.setAttribute('aria-label', playing ? 'Stop' : 'Play');
-    button.title = playing ? 'Stop' : 'Play';
-    button.querySelector('use').setAttribute('href', playing ? '#i-stop' : '#i-play');
+    const label = sounding ? 'Pause' : paused ? 'Resume' : 'Play';
+    button.setAttribute('aria-label', label);
+    button.title = label;
+    button.querySelector('use').setAttribute('href', sounding ? '#i-pause' : '#i-play');
   }
+  $('btn-stop').disabled = !playing;
+  if (!held($('playmode')) && s.playMode) $('playmode').value = s.playMode;
   document.body.classList.toggle('is-playing', playing);
 
   if (s.full) renderTimes(s);
@@ -111,7 +121,7 @@ function render(s) {
   const segue = String(s.segue || '').toLowerCase();
   if (!held($('segue')) && ['off', 'short', 'on'].includes(segue)) $('segue').value = segue;
 
-  $('strip-title').textContent = title;
+  $('strip-title').textContent = shown;
   $('strip-sub').textContent = radio ? s.station || '' : hasTrack(s) ? s.artist : '';
 }
 
@@ -136,8 +146,18 @@ export function init() {
 
   $('btn-back').addEventListener('click', () => key('back'));
   $('btn-next').addEventListener('click', () => key('next'));
-  $('btn-play').addEventListener('click', () => key('play'));
-  $('strip-play').addEventListener('click', () => key('play'));
+  // Pause and resume when something is loaded; from a stop, play.
+  const playPause = () => key(state.playing === 1 ? 'pause' : 'play');
+  $('btn-play').addEventListener('click', playPause);
+  $('strip-play').addEventListener('click', playPause);
+  $('btn-stop').addEventListener('click', () => key('play'));
+  $('playmode').addEventListener('change', async () => {
+    touch($('playmode'));
+    const reply = await call('setPlayMode', { mode: $('playmode').value }).catch(() => undefined);
+    const chosen = $('playmode').selectedOptions[0]?.textContent;
+    toast(reply?.playMode === $('playmode').value ? `Play mode: ${chosen}` : 'Could not change the play mode');
+    pollNow();
+  });
 
   const seek = $('seek');
   seek.addEventListener('input', () => {

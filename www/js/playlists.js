@@ -2,7 +2,7 @@
 // each playlist's entries moved and removed.
 import { call, list, kindOf } from './api.js';
 import { play } from './actions.js';
-import { pollNow } from './status.js';
+import { pollNow, state, subscribe } from './status.js';
 import { h, icon, iconButton, nameForm, note, on, rowText, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
@@ -111,8 +111,14 @@ async function showPlaylist(body, id, my) {
     body.replaceChildren(unavailable());
     return;
   }
-  const playlist = playlists.find((p) => Number(p.id) === id) ?? { id, name: 'Playlist', count: entries.length };
-  $('playlists-h').textContent = playlist.name;
+  const playlist = playlists.find((p) => Number(p.id) === id);
+  if (!playlist) {
+    $('playlists-h').textContent = 'Playlist not found';
+    body.replaceChildren(note('This playlist is not on the music server any more.'), h('p', {}, h('a', { href: '#/playlists', text: '‹ All playlists' })));
+    return;
+  }
+  const isQueue = playlist.name === QUEUE;
+  $('playlists-h').textContent = isQueue ? 'Queue' : playlist.name;
   const refresh = () => render();
   const head = h(
     'div',
@@ -140,20 +146,43 @@ async function showPlaylist(body, id, my) {
           icon('shuffle'),
           'Shuffle',
         ),
-        h('button', { type: 'button', class: 'btn', onclick: () => head.querySelector('.btn-row').replaceWith(renameForm(playlist, refresh)) }, icon('edit'), 'Rename'),
-        h(
-          'button',
-          {
-            type: 'button',
-            class: 'btn danger',
-            onclick: async () => {
-              if (await remove(playlist)) location.hash = '#/playlists';
-            },
-          },
-          icon('trash'),
-          'Delete',
-        ),
+        // The queue is not a playlist to rename or delete: it empties.
+        isQueue
+          ? h(
+              'button',
+              {
+                type: 'button',
+                class: 'btn',
+                onclick: async () => {
+                  const ok = (await call('clearQueue').catch(() => undefined)) === 'OK';
+                  toast(ok ? 'Queue cleared' : 'Could not clear the queue');
+                  refresh();
+                },
+              },
+              icon('close'),
+              'Clear',
+            )
+          : h('button', { type: 'button', class: 'btn', onclick: () => head.querySelector('.btn-row').replaceWith(renameForm(playlist, refresh)) }, icon('edit'), 'Rename'),
+        isQueue
+          ? null
+          : h(
+              'button',
+              {
+                type: 'button',
+                class: 'btn danger',
+                onclick: async () => {
+                  if (await remove(playlist)) location.hash = '#/playlists';
+                },
+              },
+              icon('trash'),
+              'Delete',
+            ),
       ),
+      // What plays now has left the queue: it is shown above what comes next.
+      isQueue && state.playing === 1 && state.track && state.track !== 'empty'
+        ? h('p', { class: 'now-playing-line' }, h('span', { class: 'meta', text: 'Playing now: ' }), h('strong', { text: state.track }), state.artist ? h('span', { class: 'meta', text: ` · ${state.artist}` }) : null)
+        : null,
+      isQueue ? h('p', { class: 'meta', text: entries.length ? 'Up next, in this order; each leaves the queue as it plays.' : 'Nothing is queued. Queue tracks or albums from the library: they play next.' }) : null,
     ),
   );
   const last = entries.length - 1;
@@ -222,6 +251,16 @@ export function init() {
       if (!$('view-playlists').hidden) render();
     });
   }
+  // The open list follows the daemon: a track that starts leaves the
+  // queue, another page may have changed a playlist.
+  let last = '';
+  subscribe((s) => {
+    const mark = `${s.track}|${s.queued}|${s.playing}`;
+    const changed = mark !== last;
+    last = mark;
+    if ($('view-playlists').hidden) return;
+    if (s.forceWebRefresh === true || (changed && current !== null)) render();
+  });
 }
 
 export function show(args) {

@@ -115,7 +115,22 @@ export function note(text, cls = '') {
   return h('p', { class: 'note ' + cls, text });
 }
 
+// Tag groups in a name ("Nocturnes [C]") are the library's classes, not
+// part of the title: they show as small badges after it.
+const TAGS = /\s*\[([A-Za-z0-9]{1,3})\]/g;
+export function splitTags(name) {
+  const text = String(name ?? '');
+  const tags = [...text.matchAll(TAGS)].map((m) => m[1]);
+  const title = text.replace(TAGS, '').trim();
+  return { title: title || text, tags: title ? tags : [] };
+}
+
+export function titleWithTags(name, cls = 'name') {
+  const { title, tags } = splitTags(name);
+  return h('span', { class: cls }, title, ...tags.map((t) => h('span', { class: 'tag', title: `Class ${t}`, text: t })));
+}
+
 // A row's name with an optional line of detail under it.
 export function rowText(name, meta) {
-  return h('span', { class: 'text' }, h('span', { class: 'name', text: name }), meta ? h('span', { class: 'meta', text: meta }) : null);
+  return h('span', { class: 'text' }, titleWithTags(name), meta ? h('span', { class: 'meta', text: meta }) : null);
 }
