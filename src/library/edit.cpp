@@ -56,6 +56,21 @@ int deleteAlbum(int a) {
     return 1;
 }
 
+// An artist whose last album went (deleted or moved away) is no artist any
+// more: its empty folder goes, and so does its entry, from lists and search.
+void dropArtistIfEmpty(int r) {
+    if (r < 0 || r >= getArtistCount()) return;
+    for (int a = 0; a < getAlbumCount(); a++)
+        if (getAlbumArtist(a) == r) return;
+    std::string folder = getArtistPath(r);
+    // Only an empty folder: a picture or anything else of the user's stays.
+    if (isSafeLibraryPath(folder) && rmdir(folder.c_str()) != 0 && errno != ENOENT)
+        kzLog("Artist %s has no albums; its folder stays (%s)\n", getArtistName(r),
+              strerror(errno));
+    kzLog("Artist %s has no albums left\n", getArtistName(r));
+    removeArtist(r);
+}
+
 }  // namespace
 
 bool isSafeLibraryPath(const std::string& path) {
@@ -209,7 +224,9 @@ int deleteID(int id) {
         removeFile(path);
         removeTrack(t);
     } else if (idIsAlbum(id)) {
+        int r = getAlbumArtist(idToAlbum(id));
         if (!deleteAlbum(idToAlbum(id))) return 0;
+        dropArtistIfEmpty(r);
     } else if (idIsArtist(id)) {
         int r = idToArtist(id);
         for (;;) {
@@ -253,10 +270,12 @@ int moveAlbumToArtist(int a, const char* artistName) {
     if (result != 0) return 0;
     {
         std::lock_guard<std::recursive_mutex> g(lib().dbMutex);
+        int old = getAlbumArtist(a);
         int r = addArtistToDb(artist.c_str());
         lib().local.parentArtist[a] = r;
         lib().local.albumIndex.invalidate();
         lib().local.trackIndex.invalidate();
+        dropArtistIfEmpty(old);
     }
     dirty();
     return 1;
