@@ -437,6 +437,17 @@ void webSearch3(const Request& r) {
             }
             for (int a : albums) {
                 if (!albumVisible(a)) continue;
+                // An album's matches in its play order ("01 ..." before
+                // "03 ..."), not in the order the scan met its files.
+                if (fill[a] - byAlbum[a] > 1) {
+                    std::vector<int> order = albumTrackOrder(a);
+                    auto place = [&](int t) {
+                        auto it = std::find(order.begin(), order.end(), t);
+                        return it - order.begin();
+                    };
+                    std::stable_sort(tracks.begin() + byAlbum[a], tracks.begin() + fill[a],
+                                     [&](int x, int y) { return place(x) < place(y); });
+                }
                 for (int i = byAlbum[a]; i < fill[a]; i++)
                     found.push_back(trackToID(tracks[i]));
             }

@@ -563,3 +563,22 @@ TEST_F(CommandsTest, StatusNamesTheSourceThatPlays) {
 }
 
 }  // namespace
+
+namespace {
+
+// Search lists an album's tracks in its play order, whatever order the scan
+// met their files in.
+TEST_F(CommandsTest, SearchGivesTracksInAlbumOrder) {
+    int a = addAlbumToDb("Preludes", addArtistToDb("Bach"));
+    for (const char* name :
+         {"03 Prelude in D.flac", "01 Prelude in C.flac", "02 Prelude in C minor.flac"})
+        addTrackToDb(name, a);
+    std::string found = call("/api/search&artists=0&albums=0&radio=0&string=prelude");
+    size_t one = found.find("01 Prelude in C\""), two = found.find("02 Prelude"),
+           three = found.find("03 Prelude");
+    ASSERT_NE(three, std::string::npos) << found;
+    EXPECT_LT(one, two) << found;
+    EXPECT_LT(two, three) << found;
+}
+
+}  // namespace

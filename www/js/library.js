@@ -64,8 +64,16 @@ function albumRow(a, artistName) {
   );
 }
 
+// Search answers a track's file name ("03 Prelude in D"): the listener
+// wants its title.
+export function cleanTrackTitle(name) {
+  const text = String(name ?? '');
+  const clean = text.replace(/\.(wav|mp3|flac|m4a)$/i, '').replace(/^\d{1,3}(?:[-.]\d{1,3})?(?:\s*[-.]\s*|\s+)/, '');
+  return clean || text;
+}
+
 function trackRow(t, number) {
-  const label = t.track ?? t.name;
+  const label = t.track !== undefined ? cleanTrackTitle(t.track) : t.name;
   return h(
     'li',
     { class: 'row' },

@@ -2,6 +2,7 @@
 // each playlist's entries moved and removed.
 import { call, list, kindOf } from './api.js';
 import { play } from './actions.js';
+import { cleanTrackTitle } from './library.js';
 import { pollNow, state, subscribe } from './status.js';
 import { h, icon, iconButton, nameForm, note, on, rowText, toast } from './ui.js';
 
@@ -13,7 +14,7 @@ let generation = 0;
 const unavailable = () => note('This music server has no playlists yet.');
 
 function entryLabel(item) {
-  if ('track' in item) return item.track;
+  if ('track' in item) return cleanTrackTitle(item.track);
   if ('album' in item) return item.album;
   return item.artist ?? item.name ?? String(item.id);
 }
