@@ -4,25 +4,33 @@ SANITIZE_DIR := build-sanitize
 JOBS         ?= 2
 CMAKE_GEN    := -G Ninja
 
-.PHONY: all deps build sanitize test run format bench fuzz clean
+.PHONY: all deps test-deps bench-deps build sanitize test run format bench fuzz clean
 
 all: build
 
+# Running needs less than testing: chromium, clang, GoogleTest, Node and the
+# benchmarks' packages come only with `make test` and `make bench`.
 deps:
 	@scripts/install-deps
+
+test-deps:
+	@scripts/install-deps test
+
+bench-deps:
+	@scripts/install-deps bench
 
 build: deps
 	@cmake -S . -B $(BUILD_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
 
-sanitize: deps
+sanitize: test-deps
 	@cmake -S . -B $(SANITIZE_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKZ_SANITIZE=ON >/dev/null
 	@cmake --build $(SANITIZE_DIR) -j $(JOBS)
 
 # The sanitizer build runs the unit tests first, one at a time (some decode
 # audio against the clock, and sanitized code is slow); the last line printed
 # is the main build's CTest summary.
-test: build sanitize
+test: test-deps build sanitize
 	@cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest -L unit --output-on-failure
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
@@ -31,7 +39,7 @@ run: build
 	@scripts/demo
 
 # Figures go to the terminal; inputs are generated once under build/bench-data.
-bench: build
+bench: bench-deps build
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench playback_bench commands_bench compress_bench kz_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
@@ -54,7 +62,7 @@ bench: build
 # lands); the run fails at the end.
 FUZZ_DIR     := build-fuzz
 FUZZ_SECONDS ?= 60
-fuzz: deps
+fuzz: test-deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKZ_FUZZ=ON >/dev/null
 	@cmake --build $(FUZZ_DIR) -j $(JOBS)
 	@failed=""; for t in $(FUZZ_DIR)/fuzz/*_fuzz; do \
