@@ -125,6 +125,14 @@ void playByKind(int id) {
     } else if (idIsRadio(id)) {
         kzLog("webPlayID () Radio URL=%s\n", stationList().get(idToRadio(id)).url.c_str());
         startPlayingInternetRadioS(idToRadio(id));
+    } else if (idIsCDTrack(id)) {
+        int index = idToCDTrack(id);
+        if (testUnitReady() == CD_READY && index < currentToc().numTracks()) {
+            if (getSelectedSource() != SEL_CD) selectCD();
+            startPlayingCD(index);
+        } else {
+            kzLog("webPlayID () no CD track %d\n", index);
+        }
     } else {
         kzLog("webPlayID () cannot play %d\n", id);
     }
@@ -1119,6 +1127,23 @@ void webGetArtFromURL(const Request& r) {
     }
 }
 
+// The disc's tracks to play: [{"id":12000000+i,"name":"Track N","seconds":S}].
+void webListCD(const Request& r) {
+    r.reply->text = "[]";
+    if (testUnitReady() != CD_READY) return;
+    static thread_local JsonList list;
+    list = JsonList();
+    const CdHeader& toc = currentToc();
+    for (int i = 0; i < toc.numTracks(); i++) {
+        const CdTrack& t = toc.tracks[i];
+        if (!t.audio) continue;
+        list.add("{\"id\":" + std::to_string(CD_TRACK_BASE + i) + ",\"name\":\"Track " +
+                 std::to_string(t.number) +
+                 "\",\"seconds\":" + std::to_string(t.frameCount() / kSectorsPerSecond) + "}");
+    }
+    r.reply->text = list.finish();
+}
+
 void webGetDiscid(const Request& r) {
     if (testUnitReady() != CD_READY) {
         r.reply->text = "[]";
@@ -1333,6 +1358,7 @@ const Command commands[] = {
     {"pause", webPause},
     {"clearQueue", webClearQueue},
     {"setPlayMode", webSetPlayMode},
+    {"listCD", webListCD},
 };
 
 }  // namespace

@@ -205,6 +205,16 @@ describe('web pages', () => {
   it('rips the CD image, and the album appears in the library', async () => {
     await tab('CD').click();
     await page.locator('#cd-state', { hasText: 'Ready' }).waitFor();
+    // The disc plays from any of its tracks, and the one that plays is marked.
+    const cdTracks = page.locator('#cd-tracks li');
+    await cdTracks.nth(1).waitFor();
+    assert.equal(await cdTracks.count(), 2);
+    assert.match(await cdTracks.nth(0).locator('.meta').textContent(), /^0:\d\d$/);
+    await page.getByRole('button', { name: 'Play Track 2' }).click();
+    await until(async () => (await stack.status()).source === 'CD' && (await stack.status()).track === 'Track 2', 'the CD to play track 2');
+    await page.locator('#cd-tracks li.current', { hasText: 'Track 2' }).waitFor();
+    await stack.api('play');
+    await until(async () => (await stack.status()).playing === 0, 'the CD to stop');
     await page.screenshot({ path: join(SHOTS, 'cd-phone.png'), fullPage: true });
     await page.getByRole('button', { name: 'Rip without names' }).click();
     await page.locator('#rip-done').waitFor({ timeout: 60000 });

@@ -1,8 +1,9 @@
 // The CD drive: what is in it, ripping with or without names, the rip's
 // progress, and the ripped album once it is in the library.
-import { call } from './api.js';
+import { call, list } from './api.js';
+import { play } from './actions.js';
 import { state, subscribe, pollNow } from './status.js';
-import { cover, emit, h, icon, toast } from './ui.js';
+import { cover, emit, fmtTime, h, icon, rowText, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -88,7 +89,10 @@ function renderDisc() {
   if (disc !== lastDisc) {
     lastDisc = disc;
     if (disc) fillTrackCount();
+    loadTracks(disc);
   }
+  $('cd-play').hidden = !loaded || ripping || !$('cd-tracks').children.length;
+  markPlaying();
   // The candidates are read again whenever the lookup's answer changes:
   // it ends after the disc is seen, and again after "Look up again".
   const answer = loaded ? `${disc} ${state.lookup || ''} ${state.cddbmatches}` : null;
@@ -108,6 +112,31 @@ function renderLookup(loaded) {
   $('cd-lookup').hidden = !looking && !none;
   $('cd-lookup-text').textContent = looking ? 'Looking up the disc…' : none ? 'No match found for this disc.' : '';
   $('cd-lookup-again').hidden = !none;
+}
+
+// The disc's tracks, to play from any of them.
+async function loadTracks(disc) {
+  const tracks = disc ? await list('listCD').catch(() => null) : null;
+  $('cd-tracks').replaceChildren(
+    ...(tracks || []).map((t) =>
+      h(
+        'li',
+        { 'data-name': t.name },
+        h('button', { type: 'button', class: 'row-main', 'aria-label': `Play ${t.name}`, onclick: () => play(t.id, t.name) }, icon('disc'), rowText(t.name, fmtTime(Number(t.seconds)))),
+      ),
+    ),
+  );
+  $('cd-play').hidden = !tracks?.length || $('cd-names').hidden;
+  markPlaying();
+}
+
+function markPlaying() {
+  for (const li of $('cd-tracks').children) {
+    const now = state.source === 'CD' && state.playing === 1 && state.track === li.dataset.name;
+    li.classList.toggle('current', now);
+    if (now) li.setAttribute('aria-current', 'true');
+    else li.removeAttribute('aria-current');
+  }
 }
 
 async function fillTrackCount() {
