@@ -2,7 +2,7 @@
 // search as you type over all three.
 import { artUrl, call, list } from './api.js';
 import { chooseAndAdd, play, queue, rowActions } from './actions.js';
-import { cover, debounce, h, icon, note, on, rowText } from './ui.js';
+import { cover, debounce, emit, h, icon, iconButton, nameForm, note, on, rowText, titleWithTags, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 const PAGE = 50;
@@ -27,9 +27,9 @@ function crumbs(parts) {
   );
 }
 
-function header(title, sub, id, label, art) {
+function header(title, sub, id, label, art, edit) {
   return [
-    h('div', { class: 'detail-head' }, art, h('div', { class: 'detail-text' }, h('h2', { text: title }), sub)),
+    h('div', { class: 'detail-head' }, art, h('div', { class: 'detail-text' }, h('h2', {}, titleWithTags(title, 'title')), sub)),
     h(
       'div',
       { class: 'btn-row' },
@@ -37,7 +37,75 @@ function header(title, sub, id, label, art) {
       h('button', { type: 'button', class: 'btn', onclick: () => queue(id, label) }, icon('queue'), 'Queue'),
       h('button', { type: 'button', class: 'btn', onclick: () => chooseAndAdd(id, label) }, icon('list-add'), 'Add to playlist'),
     ),
+    edit,
   ];
+}
+
+// Editing the library. The daemon answers these commands the same way
+// whether they worked or not, so each result is read back before it is told.
+async function nameNow(kind, id) {
+  if (kind === 'album') return (await call('albumDetails', { id }).catch(() => undefined))?.name;
+  if (kind === 'artist') return (await call('artistDetails', { id }).catch(() => undefined))?.name;
+  const parent = await call('getParent', { id }).catch(() => undefined);
+  const tracks = parent?.id ? await list('listalbum', { id: parent.id }).catch(() => null) : null;
+  return tracks?.find((t) => Number(t.id) === Number(id))?.name;
+}
+
+function editForm(row, { id, label, value, onName }) {
+  const cancel = h('button', { type: 'button', class: 'btn', onclick: () => render() }, 'Cancel');
+  const { form, input } = nameForm({ id: `edit-${Date.now()}`, label, value, onName }, h('button', { type: 'submit', class: 'btn primary' }, 'Save'), cancel);
+  row.replaceWith(form);
+  input.focus();
+  input.select();
+}
+
+async function renameItem(kind, id, old, row) {
+  editForm(row, {
+    label: `New name for ${old}`,
+    value: old,
+    onName: async (name) => {
+      await call('renameID', { id: Number(id), name }).catch(() => undefined);
+      const now = await nameNow(kind, id);
+      toast(now === name ? `Renamed to ${name}` : `Could not rename ${old}: that name is taken or not allowed`);
+      emit('library-changed');
+      render();
+    },
+  });
+}
+
+async function moveAlbum(id, old, artist, row) {
+  editForm(row, {
+    label: `Move ${old} to the artist`,
+    value: artist,
+    onName: async (name) => {
+      await call('moveID', { id: Number(id), name }).catch(() => undefined);
+      const d = await call('albumDetails', { id }).catch(() => undefined);
+      toast(d?.artist === name ? `Moved ${old} to ${name}` : `Could not move ${old}: ${name} has an album of that name already`);
+      emit('library-changed');
+      render();
+    },
+  });
+}
+
+async function deleteItem(kind, id, name, then) {
+  const what = { album: 'the album', artist: 'the artist and all of their albums', track: 'the track' }[kind];
+  if (!window.confirm(`Delete ${what} “${name}” from the music server's disk? This cannot be undone.`)) return;
+  await call('deleteID', { id: Number(id) }).catch(() => undefined);
+  const gone = (await nameNow(kind, id)) !== name;
+  toast(gone ? `Deleted ${name}` : `Could not delete ${name}`);
+  emit('library-changed');
+  if (gone) then();
+  else render();
+}
+
+function editRow(kind, id, name, { artist, up } = {}) {
+  const row = h('div', { class: 'btn-row edit-row' });
+  row.append(
+    h('button', { type: 'button', class: 'btn', onclick: () => renameItem(kind, id, name, row) }, icon('edit'), 'Rename'),
+    kind === 'album' ? h('button', { type: 'button', class: 'btn', onclick: () => moveAlbum(id, name, artist, row) }, icon('library'), 'Move to artist') : null,
+    h('button', { type: 'button', class: 'btn danger', onclick: () => deleteItem(kind, id, name, up) }, icon('trash'), 'Delete'),
+  );
+  return row;
 }
 
 function artistRow(a) {
@@ -72,9 +140,9 @@ export function cleanTrackTitle(name) {
   return clean || text;
 }
 
-function trackRow(t, number) {
+function trackRow(t, number, editable) {
   const label = t.track !== undefined ? cleanTrackTitle(t.track) : t.name;
-  return h(
+  const li = h(
     'li',
     { class: 'row' },
     h(
@@ -85,6 +153,14 @@ function trackRow(t, number) {
     ),
     rowActions(t.id, label, { withPlay: false }),
   );
+  if (editable) {
+    // A track's file name is what is renamed: its number stays in front.
+    li.lastChild.append(
+      iconButton('edit', `Rename ${label}`, () => renameItem('track', t.id, t.name, li)),
+      iconButton('trash', `Delete ${label}`, () => deleteItem('track', t.id, t.name, () => render())),
+    );
+  }
+  return li;
 }
 
 function failed(body) {
@@ -121,14 +197,27 @@ async function showArtists(body, my) {
   await pagedList(body, (offset) => list('search', { albums: 0, tracks: 0, offset, count: PAGE, string: '' }), artistRow, 'The library is empty.', my);
 }
 
+function notFound(body, what) {
+  crumbs([[`${what} not found`, '#/library']]);
+  body.replaceChildren(note(`This ${what.toLowerCase()} is not in the library (it may have been renamed, moved or deleted).`), h('p', {}, h('a', { href: '#/library', text: '‹ All artists' })));
+}
+
 async function showArtist(body, id, my) {
   const [details, albums] = await Promise.all([call('artistDetails', { id }), list('listartist', { id })]);
   if (my !== generation) return;
-  const name = details?.name ?? 'Artist';
+  if (!details?.name) return notFound(body, 'Artist');
+  const name = details.name;
   crumbs([[name, `#/library/artist/${id}`]]);
   const count = details?.albumcount;
   body.replaceChildren(
-    ...header(name, h('p', { class: 'meta', text: count === undefined ? '' : `${count} album${count === 1 ? '' : 's'}` }), id, name),
+    ...header(
+      name,
+      h('p', { class: 'meta', text: count === undefined ? '' : `${count} album${count === 1 ? '' : 's'}` }),
+      id,
+      name,
+      undefined,
+      editRow('artist', id, name, { up: () => (location.hash = '#/library') }),
+    ),
     albums?.length ? h('ul', { class: 'rows' }, albums.map((a) => albumRow(a, name))) : note('No albums.'),
   );
 }
@@ -140,13 +229,21 @@ async function showAlbum(body, id, my) {
     call('getParent', { id }).catch(() => undefined),
   ]);
   if (my !== generation) return;
-  const name = details?.name ?? 'Album';
+  if (!details?.name) return notFound(body, 'Album');
+  const name = details.name;
   const artistId = parent?.id;
   crumbs([...(artistId ? [[details?.artist ?? 'Artist', `#/library/artist/${artistId}`]] : []), [name, `#/library/album/${id}`]]);
   const by = details?.artist ? h('p', { class: 'meta' }, artistId ? h('a', { href: `#/library/artist/${artistId}`, text: details.artist }) : details.artist) : null;
   body.replaceChildren(
-    ...header(name, by, id, name, cover(artUrl(id), 'large')),
-    tracks?.length ? h('ol', { class: 'rows tracks' }, tracks.map((t, i) => trackRow(t, i + 1))) : note('No tracks.'),
+    ...header(
+      name,
+      by,
+      id,
+      name,
+      cover(artUrl(id), 'large'),
+      editRow('album', id, name, { artist: details.artist, up: () => (location.hash = artistId ? `#/library/artist/${artistId}` : '#/library') }),
+    ),
+    tracks?.length ? h('ol', { class: 'rows tracks' }, tracks.map((t, i) => trackRow(t, i + 1, true))) : note('No tracks.'),
   );
 }
 

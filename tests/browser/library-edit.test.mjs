@@ -1,0 +1,122 @@
+// Editing the library from the pages (rename, move, delete, with the
+// results read back), pages for what is not there, and the longest names
+// without a space on a 320-pixel phone.
+import { describe, it, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { existsSync, mkdirSync } from 'node:fs';
+import { join } from 'node:path';
+import { Stack, TOP, makeTone } from './stack.mjs';
+import { launch, layoutProblems, DESKTOP } from './browser.mjs';
+
+const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
+const NARROW = { width: 320, height: 640 };
+// The longest names the library keeps (a folder name is at most 255 bytes,
+// and kzdb keeps "artist/album" lines of up to 249): with the track's, over
+// 600 bytes without a space.
+const LONG_ARTIST = 'Orchestra'.repeat(13);
+const LONG_ALBUM = 'Symphonies'.repeat(12);
+
+describe('editing the library', () => {
+  let stack;
+  let browser;
+  let page;
+  const errors = [];
+
+  before(async () => {
+    stack = await Stack.start({
+      discTracks: [4],
+      prepare: (music) => {
+        for (const [artist, album, tracks] of [
+          ['Old Artist', 'Lonely Album', ['01 First Song.mp3', '02 Second Song.mp3']],
+          ['Keeper', 'Stays', ['01 Kept.mp3']],
+          [LONG_ARTIST, LONG_ALBUM, ['01 ' + 'Movement'.repeat(30) + '.mp3']],
+        ]) {
+          mkdirSync(join(music, artist, album), { recursive: true });
+          for (const t of tracks) makeTone(join(music, artist, album, t), 1, 440, t);
+        }
+      },
+    });
+    browser = await launch();
+    page = await browser.newPage({ viewport: NARROW });
+    page.on('pageerror', (e) => errors.push(e.message));
+    page.on('console', (m) => m.type() === 'error' && !m.text().startsWith('Failed to load resource') && errors.push(m.text()));
+    page.on('dialog', (d) => d.accept());
+  });
+
+  after(async () => {
+    await browser?.close();
+    await stack?.stop();
+  });
+
+  const row = (name) => page.locator('#library-body .row-main', { hasText: name });
+  const idOf = async (command, key, name) => (await stack.api(`${command}&string=${encodeURIComponent(name)}`)).find((x) => x[key] === name)?.id;
+
+  it('renames, moves and deletes, and an artist without albums goes', async () => {
+    await page.goto(`${stack.base}/#/library`);
+    await row('Old Artist').click();
+    await row('Lonely Album').click();
+    await page.getByRole('heading', { name: 'Lonely Album', level: 2 }).waitFor();
+
+    // A track's name: its number and extension stay.
+    await page.getByRole('button', { name: 'Rename Second Song' }).click();
+    await page.getByLabel(/^New name for/).fill('Better Song');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.locator('#library-body ol.tracks .name', { hasText: 'Better Song' }).waitFor();
+    assert.ok(existsSync(join(stack.music, 'Old Artist', 'Lonely Album', '02 Better Song.mp3')));
+
+    // The album to another artist: the old artist, now without albums, goes.
+    await page.getByRole('button', { name: 'Move to artist' }).click();
+    await page.getByLabel(/^Move Lonely Album to the artist/).fill('New Artist');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.locator('#library-body .detail-text a', { hasText: 'New Artist' }).waitFor();
+    assert.equal(await idOf('search&albums=0&tracks=0', 'artist', 'Old Artist'), undefined);
+    assert.ok(!existsSync(join(stack.music, 'Old Artist')));
+
+    // Renaming the album to a name the artist already has is refused, and said.
+    await page.getByRole('button', { name: 'Rename', exact: true }).click();
+    await page.getByLabel(/^New name for/).fill('Renamed Album');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.getByRole('heading', { name: 'Renamed Album', level: 2 }).waitFor();
+    await page.locator('.toast', { hasText: 'Renamed to Renamed Album' }).waitFor();
+
+    // Deleting a track and then the album, each after a confirmation.
+    await page.getByRole('button', { name: 'Delete First Song' }).click();
+    await page.locator('.toast', { hasText: 'Deleted' }).first().waitFor();
+    await stack.until(async () => (await page.locator('#library-body ol.tracks li').count()) === 1, 10000, 'one track left');
+    await page.getByRole('button', { name: 'Delete', exact: true }).click();
+    await page.waitForURL(/#\/library(\/artist\/\d+)?$/);
+    assert.equal(await idOf('search&artists=0&tracks=0', 'album', 'Renamed Album'), undefined);
+    assert.equal(await idOf('search&albums=0&tracks=0', 'artist', 'New Artist'), undefined);
+    assert.ok(existsSync(join(stack.music, 'Keeper', 'Stays', '01 Kept.mp3')));
+  });
+
+  it('says what is not there: a made-up album, and an address that is no page', async () => {
+    await page.goto(`${stack.base}/#/library/album/1000999`);
+    await page.locator('#library-body', { hasText: 'This album is not in the library' }).waitFor();
+    assert.equal(await page.locator('#library-body').getByRole('button', { name: 'Play', exact: true }).count(), 0);
+    const res = await page.goto(`${stack.base}/no/such/page`);
+    assert.equal(res.status(), 404);
+    await page.getByRole('heading', { name: 'Not found' }).waitFor();
+    await page.getByRole('link', { name: 'Open kz' }).click();
+    await page.waitForURL(`${stack.base}/`);
+  });
+
+  it('keeps the longest names without a space inside a 320-pixel screen', async () => {
+    await page.goto(`${stack.base}/#/library`);
+    await row(LONG_ARTIST.slice(0, 30)).click();
+    await row(LONG_ALBUM.slice(0, 30)).click();
+    await page.locator('#library-body ol.tracks li').first().waitFor();
+    await page.locator('#library-body ol.tracks .row-main').first().click();
+    for (const view of ['#/library', '#/now']) {
+      if (view === '#/now') await page.goto(`${stack.base}/${view}`);
+      await page.waitForTimeout(300);
+      const width = await page.evaluate(() => document.documentElement.scrollWidth);
+      assert.ok(width <= 320, `${view} is ${width} px wide`);
+      assert.deepEqual(await layoutProblems(page), [], view);
+    }
+    await page.screenshot({ path: join(SHOTS, 'long-names-320.png'), fullPage: true });
+    await page.setViewportSize(DESKTOP);
+    assert.deepEqual(await layoutProblems(page), []);
+    assert.deepEqual(errors, []);
+  });
+});
