@@ -1,11 +1,13 @@
 #include "web/status.h"
 
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cstdio>
 
 #include "core/mainloop.h"
+#include "core/paths.h"
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/playlists.h"
@@ -240,6 +242,9 @@ std::string getWebStatusCore(bool full) {
     out += isPaused() ? ",\"paused\":true" : ",\"paused\":false";
     addText(out, "playMode", playModeName());
     out += hasQueuedTracks() ? ",\"queued\":true" : ",\"queued\":false";
+    // A machine without a drive says so, rather than "Not Ready" for ever.
+    struct stat drive;
+    out += stat(cdDevicePath().c_str(), &drive) == 0 ? ",\"cddrive\":true" : ",\"cddrive\":false";
     out += "}";
     return out;
 }

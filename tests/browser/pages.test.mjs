@@ -181,7 +181,7 @@ describe('web pages', () => {
     await until(async () => (await stack.status()).volume === '0', 'volume 0');
     for (let i = 0; i < 5; i++) await page.keyboard.press('ArrowRight');
     await until(async () => (await stack.status()).volume === '5', 'volume 5');
-    assert.equal(await page.locator('#volume-out').textContent(), '5');
+    assert.equal(await page.locator('#volume-out').textContent(), '8%');
 
     await page.locator('#bass').focus();
     await page.keyboard.press('End');
@@ -198,7 +198,7 @@ describe('web pages', () => {
     // Another client turns the volume up: the page follows.
     await page.locator('#now-track').click();
     await stack.api('vol33');
-    await page.locator('#volume-out', { hasText: /^33$/ }).waitFor();
+    await page.locator('#volume-out', { hasText: /^52%$/ }).waitFor();
     assert.equal(await volume.inputValue(), '33');
   });
 
@@ -335,6 +335,11 @@ describe('web pages', () => {
     await until(async () => (await page.getByRole('button', { name: 'Bass boost' }).getAttribute('aria-pressed')) === 'true', 'the preset to show as chosen');
     await page.getByRole('button', { name: 'Show the log' }).click();
     await page.locator('#debug-log', { hasText: 'Waiting for incoming connections on socket' }).waitFor();
+    // Newest first: the start-up's first line comes after its later ones.
+    const log = await page.locator('#debug-log').textContent();
+    assert.ok(log.indexOf('Starting Main Loop') < log.indexOf('Waiting for incoming connections on socket'), 'the newest lines first');
+    await page.getByRole('button', { name: 'Copy', exact: true }).click();
+    await page.locator('.toast', { hasText: /log is (on the clipboard|selected)/ }).waitFor();
 
     // A page opened afresh shows the settings as the daemon holds them,
     // also the classical flag set elsewhere, which the status does not carry.

@@ -77,7 +77,8 @@ function renderProgress() {
 function renderDisc() {
   const status = state.cdstatus || 'No Disc';
   const ripping = Boolean(parseRipping(status)) || (watch && !watch.done);
-  $('cd-state').textContent = parseRipping(status) ? 'Ripping' : status;
+  const words = { 'No Disc': 'No disc', 'Not Ready': state.cddrive === false ? 'No drive' : 'Waiting for the drive', 'Bad Disc': 'This disc cannot be read' };
+  $('cd-state').textContent = parseRipping(status) ? 'Ripping' : words[status] || status;
   $('cd-discid').textContent = state.discid || '—';
   const loaded = state.cdloaded === true;
   $('cd-actions').hidden = !loaded || ripping;

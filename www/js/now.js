@@ -2,7 +2,7 @@
 // tone and segue; and the strip that shows the same on every other view.
 import { act, artUrl, call } from './api.js';
 import { state, subscribe, pollNow, num } from './status.js';
-import { fmtTime, h, splitTags, toast } from './ui.js';
+import { fmtTime, h, splitTags, toast, volumePercent } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -113,7 +113,9 @@ function render(s) {
 
   if (s.full) renderTimes(s);
   setValue($('volume'), num('volume'));
-  $('volume-out').textContent = held($('volume')) ? $('volume').value : String(num('volume'));
+  const volume = held($('volume')) ? $('volume').value : num('volume');
+  $('volume-out').textContent = volumePercent(volume);
+  $('volume').setAttribute('aria-valuetext', volumePercent(volume));
   setValue($('bass'), num('bass'));
   setValue($('treble'), num('treble'));
   $('bass-out').textContent = signed($('bass').value);
@@ -178,7 +180,7 @@ export function init() {
   const sendVolume = throttled((v) => act('vol' + v), 150);
   volume.addEventListener('input', () => {
     touch(volume);
-    $('volume-out').textContent = volume.value;
+    $('volume-out').textContent = volumePercent(volume.value);
     sendVolume(Number(volume.value));
   });
 

@@ -2,7 +2,7 @@
 // library rescan and the daemon's recent log.
 import { act, call } from './api.js';
 import { state, subscribe, pollNow } from './status.js';
-import { emit, h, toast } from './ui.js';
+import { emit, fmtBytes, h, toast } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -95,7 +95,9 @@ async function loadInfo() {
     if (kinds.length) rows.push(['Files', kinds.map(([k, n]) => `${n} ${k}`).join(', ')]);
     if (info.capacity) rows.push(['Disk', `${info.used} GB used of ${info.capacity} GB`]);
   }
-  if (space && space.free) rows.push(['Free', `${(Number(space.free) / 1024 / 1024).toFixed(1)} GB`]);
+  // getSpace counts free space in kilobytes of 1024 bytes.
+  if (space && space.free) rows.push(['Free', fmtBytes(Number(space.free) * 1024)]);
+  rows.push(['Units', '1 GB = 1,000,000,000 bytes']);
   if (info?.version) rows.push(['Version', info.version]);
   $('library-info').replaceChildren(...rows.flatMap(([k, v]) => [h('dt', { text: k }), h('dd', { text: String(v) })]));
 }
@@ -110,11 +112,10 @@ async function loadLog() {
     text = 'The music server did not answer.';
   }
   const pre = $('debug-log');
-  const atEnd = pre.scrollTop + pre.clientHeight >= pre.scrollHeight - 20;
-  pre.textContent = text;
+  // The newest line first: what just happened is what is looked for.
+  pre.textContent = text.split('\n').filter((l) => l.trim()).reverse().join('\n');
   pre.hidden = false;
-  if (atEnd || !pre.dataset.shown) pre.scrollTop = pre.scrollHeight;
-  pre.dataset.shown = '1';
+  $('log-copy').hidden = false;
 }
 
 function setFollow(on) {
@@ -127,11 +128,15 @@ export function init() {
     if (!$('view-settings').hidden) render(s);
   });
 
+  // Every change says what it did, or that it did not reach the server.
   const change = (id, send) =>
     $(id).addEventListener('change', async () => {
-      mark($(id));
-      const ok = await send($(id));
-      if (!ok) toast('The setting did not reach the music server');
+      const el = $(id);
+      mark(el);
+      const ok = await send(el);
+      const label = document.querySelector(`label[for="${id}"]`)?.textContent.trim() || el.closest('label')?.textContent.trim() || 'Setting';
+      const value = el.type === 'checkbox' ? (el.checked ? 'on' : 'off') : el.selectedOptions?.[0]?.textContent.trim() || el.value;
+      toast(ok ? `${label}: ${value}` : 'The setting did not reach the music server');
       pollNow();
     });
   change('set-compression', (el) => {
@@ -170,7 +175,8 @@ export function init() {
         'data-treble': String(treble),
         text: name,
         onclick: async () => {
-          await act('setTone', { bass, treble });
+          const ok = await act('setTone', { bass, treble });
+          toast(ok ? `Tone: ${name}` : 'The tone did not reach the music server');
           pollNow();
         },
       }),
@@ -190,6 +196,21 @@ export function init() {
   });
 
   $('log-refresh').addEventListener('click', loadLog);
+  $('log-copy').addEventListener('click', async () => {
+    const text = $('debug-log').textContent;
+    try {
+      await navigator.clipboard.writeText(text);
+      toast('The log is on the clipboard');
+    } catch {
+      // Without the clipboard (an address that is not secure), the text is
+      // selected for the user to copy.
+      const range = document.createRange();
+      range.selectNodeContents($('debug-log'));
+      getSelection().removeAllRanges();
+      getSelection().addRange(range);
+      toast('The log is selected: copy it with Ctrl+C');
+    }
+  });
   $('log-follow').addEventListener('change', (e) => setFollow(e.target.checked));
 }
 

@@ -78,10 +78,17 @@ export function fmtTime(seconds) {
   return m >= 60 ? `${Math.floor(m / 60)}:${String(m % 60).padStart(2, '0')}:${rest}` : `${m}:${rest}`;
 }
 
+// One unit system for sizes everywhere: kB, MB and GB of 1000s, as disks
+// are sold.
 export function fmtBytes(n) {
-  if (n < 1024 * 1024) return `${Math.round(n / 1024)} KB`;
-  if (n < 1024 * 1024 * 1024) return `${(n / 1024 / 1024).toFixed(1)} MB`;
-  return `${(n / 1024 / 1024 / 1024).toFixed(2)} GB`;
+  if (n < 1e6) return `${Math.round(n / 1e3)} kB`;
+  if (n < 1e9) return `${(n / 1e6).toFixed(1)} MB`;
+  return `${(n / 1e9).toFixed(2)} GB`;
+}
+
+// The daemon's volume runs 0 to 64.
+export function volumePercent(v) {
+  return `${Math.round((Number(v) / 64) * 100)}%`;
 }
 
 let toastTimer;
