@@ -1,6 +1,7 @@
 #include "web/commands.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -1127,6 +1128,29 @@ void webGetArtFromURL(const Request& r) {
     }
 }
 
+// "&count=N" (default 50, at most 500): the newest album folders first, as
+// search names albums.
+void webRecentAlbums(const Request& r) {
+    const char* v = findParameter(r.uri, "&count=");
+    int count = v ? std::clamp(toInt(v), 1, 500) : 50;
+    std::vector<std::pair<long long, int>> byTime;
+    for (int a = 0; a < getAlbumCount(); a++) {
+        if (!albumVisible(a)) continue;
+        struct stat st;
+        long long when =
+            stat(getAlbumPath(a).c_str(), &st) == 0 ? static_cast<long long>(st.st_mtime) : 0;
+        byTime.emplace_back(when, a);
+    }
+    // Newest first; the same second keeps the table's order.
+    std::stable_sort(byTime.begin(), byTime.end(),
+                     [](const auto& x, const auto& y) { return x.first > y.first; });
+    static thread_local JsonList list;
+    list = JsonList();
+    for (int i = 0; i < static_cast<int>(byTime.size()) && i < count; i++)
+        if (!list.add(itemObject(albumToID(byTime[i].second)))) break;
+    r.reply->text = list.finish();
+}
+
 // The disc's tracks to play: [{"id":12000000+i,"name":"Track N","seconds":S}].
 void webListCD(const Request& r) {
     r.reply->text = "[]";
@@ -1359,6 +1383,7 @@ const Command commands[] = {
     {"clearQueue", webClearQueue},
     {"setPlayMode", webSetPlayMode},
     {"listCD", webListCD},
+    {"recentAlbums", webRecentAlbums},
 };
 
 }  // namespace

@@ -90,6 +90,22 @@ describe('editing the library', () => {
     assert.ok(existsSync(join(stack.music, 'Keeper', 'Stays', '01 Kept.mp3')));
   });
 
+  it('shows albums as a grid of covers, all of them and the newest first', async () => {
+    await page.goto(`${stack.base}/#/library/albums`);
+    const tiles = page.locator('#library-body .grid .tile');
+    await tiles.first().waitFor();
+    const names = await tiles.locator('.name').allTextContents();
+    assert.ok(names.includes('Stays'), names.join());
+    // The newest folder first: one made now goes to the top.
+    mkdirSync(join(stack.music, 'Keeper', 'Brand New'), { recursive: true });
+    makeTone(join(stack.music, 'Keeper', 'Brand New', '01 Fresh.mp3'), 1, 440, 'Fresh');
+    await stack.api('scanDisk');
+    await stack.until(async () => (await stack.api('recentAlbums&count=1'))[0]?.album === 'Brand New', 20000, 'the new album first');
+    await page.getByRole('link', { name: 'Recently added' }).click();
+    await page.locator('#library-body .grid .tile').first().filter({ hasText: 'Brand New' }).waitFor();
+    assert.deepEqual(await layoutProblems(page), []);
+  });
+
   it('says what is not there: a made-up album, and an address that is no page', async () => {
     await page.goto(`${stack.base}/#/library/album/1000999`);
     await page.locator('#library-body', { hasText: 'This album is not in the library' }).waitFor();

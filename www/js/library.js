@@ -101,9 +101,11 @@ async function deleteItem(kind, id, name, then) {
 function editRow(kind, id, name, { artist, up } = {}) {
   const row = h('div', { class: 'btn-row edit-row' });
   row.append(
-    h('button', { type: 'button', class: 'btn', onclick: () => renameItem(kind, id, name, row) }, icon('edit'), 'Rename'),
-    kind === 'album' ? h('button', { type: 'button', class: 'btn', onclick: () => moveAlbum(id, name, artist, row) }, icon('library'), 'Move to artist') : null,
-    h('button', { type: 'button', class: 'btn danger', onclick: () => deleteItem(kind, id, name, up) }, icon('trash'), 'Delete'),
+    ...[
+      h('button', { type: 'button', class: 'btn', onclick: () => renameItem(kind, id, name, row) }, icon('edit'), 'Rename'),
+      kind === 'album' ? h('button', { type: 'button', class: 'btn', onclick: () => moveAlbum(id, name, artist, row) }, icon('library'), 'Move to artist') : null,
+      h('button', { type: 'button', class: 'btn danger', onclick: () => deleteItem(kind, id, name, up) }, icon('trash'), 'Delete'),
+    ].filter(Boolean),
   );
   return row;
 }
@@ -192,6 +194,67 @@ async function pagedList(body, fetchPage, renderItem, emptyText, my) {
   await load();
 }
 
+// An album as a tile of the grid: its cover (loaded as it scrolls into
+// view, a placeholder without one), its title and artist.
+function albumTile(a, artistName) {
+  const label = a.album ?? a.name;
+  return h(
+    'li',
+    { class: 'tile' },
+    h(
+      'a',
+      { class: 'row-main tile-link', href: `#/library/album/${a.id}` },
+      cover(artUrl(a.id), 'tile-art'),
+      titleWithTags(label),
+      a.artist && a.artist !== artistName ? h('span', { class: 'meta', text: a.artist }) : null,
+    ),
+    rowActions(a.id, label),
+  );
+}
+
+// The grid fetches its next page as its end comes into view.
+async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
+  const grid = h('ul', { class: 'grid' });
+  const more = h('button', { type: 'button', class: 'btn more', hidden: true }, 'More');
+  let offset = 0;
+  let busy = false;
+  const load = async () => {
+    if (busy) return;
+    busy = true;
+    more.disabled = true;
+    const items = await fetchPage(offset);
+    busy = false;
+    if (my !== generation) return;
+    if (items === null) {
+      body.replaceChildren(note('This server cannot list the library yet.'));
+      return;
+    }
+    offset += items.length;
+    grid.append(...items.map((a) => albumTile(a)));
+    more.disabled = false;
+    more.hidden = !paged || items.length < PAGE;
+    if (!offset) body.replaceChildren(note(emptyText));
+  };
+  more.addEventListener('click', load);
+  const watcher = new IntersectionObserver((seen) => {
+    if (my !== generation) watcher.disconnect();
+    else if (seen.some((e) => e.isIntersecting) && !more.hidden) load();
+  }, { rootMargin: '600px' });
+  watcher.observe(more);
+  body.replaceChildren(grid, more);
+  await load();
+}
+
+async function showAlbums(body, my) {
+  crumbs([['All albums', '#/library/albums']]);
+  await albumGrid(body, (offset) => list('search', { artists: 0, tracks: 0, offset, count: PAGE, string: '' }), 'The library has no albums.', my);
+}
+
+async function showRecent(body, my) {
+  crumbs([['Recently added', '#/library/recent']]);
+  await albumGrid(body, (offset) => (offset ? Promise.resolve([]) : list('recentAlbums', { count: 100 })), 'Nothing has been added yet.', my, false);
+}
+
 async function showArtists(body, my) {
   crumbs([]);
   await pagedList(body, (offset) => list('search', { albums: 0, tracks: 0, offset, count: PAGE, string: '' }), artistRow, 'The library is empty.', my);
@@ -218,7 +281,7 @@ async function showArtist(body, id, my) {
       undefined,
       editRow('artist', id, name, { up: () => (location.hash = '#/library') }),
     ),
-    albums?.length ? h('ul', { class: 'rows' }, albums.map((a) => albumRow(a, name))) : note('No albums.'),
+    albums?.length ? h('ul', { class: 'grid' }, albums.map((a) => albumTile(a, name))) : note('No albums.'),
   );
 }
 
@@ -295,6 +358,8 @@ async function render() {
     if (text) await showSearch(body, text, my);
     else if (route.kind === 'artist') await showArtist(body, route.id, my);
     else if (route.kind === 'album') await showAlbum(body, route.id, my);
+    else if (route.kind === 'albums') await showAlbums(body, my);
+    else if (route.kind === 'recent') await showRecent(body, my);
     else await showArtists(body, my);
   } catch {
     if (my === generation) failed(body);
@@ -323,7 +388,12 @@ export function init() {
 // args: [] | ['artist', id] | ['album', id]
 export function show(args) {
   const [kind, id] = args;
-  route = kind === 'artist' || kind === 'album' ? { kind, id: Number(id) } : { kind: 'artists' };
+  route = kind === 'artist' || kind === 'album' ? { kind, id: Number(id) } : kind === 'albums' || kind === 'recent' ? { kind } : { kind: 'artists' };
+  const mode = route.kind === 'albums' || route.kind === 'recent' ? route.kind : route.kind === 'artists' ? 'artists' : '';
+  for (const a of document.querySelectorAll('.lib-modes a')) {
+    if (a.dataset.mode === mode) a.setAttribute('aria-current', 'page');
+    else a.removeAttribute('aria-current');
+  }
   // Following a link leaves the search for the item it names.
   if (kind) $('search').value = '';
   render();

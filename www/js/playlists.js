@@ -9,6 +9,7 @@ import { h, icon, iconButton, nameForm, note, on, rowText, toast } from './ui.js
 const $ = (id) => document.getElementById(id);
 const QUEUE = 'Queue';
 let current = null; // the open playlist's id, or null for the list
+let showingQueue = false;
 let generation = 0;
 
 const unavailable = () => note('This music server has no playlists yet.');
@@ -119,6 +120,7 @@ async function showPlaylist(body, id, my) {
     return;
   }
   const isQueue = playlist.name === QUEUE;
+  showingQueue = isQueue;
   $('playlists-h').textContent = isQueue ? 'Queue' : playlist.name;
   const refresh = () => render();
   const head = h(
@@ -260,11 +262,15 @@ export function init() {
     const changed = mark !== last;
     last = mark;
     if ($('view-playlists').hidden) return;
-    if (s.forceWebRefresh === true || (changed && current !== null)) render();
+    // Never under the user's hands: a name being typed stays.
+    const typing = $('playlists-body').contains(document.activeElement) && document.activeElement.tagName === 'INPUT';
+    if (typing || $('playlists-body').querySelector('form.inline-form input:not([aria-label="New playlist"])')) return;
+    if (s.forceWebRefresh === true || (changed && showingQueue)) render();
   });
 }
 
 export function show(args) {
   current = args[0] ? Number(args[0]) : null;
+  showingQueue = false;
   return render();
 }
