@@ -4,6 +4,7 @@ import { describe, it, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
+import { spawnSync } from 'node:child_process';
 import { tmpdir } from 'node:os';
 import { Stack, TOP, makeTone } from './stack.mjs';
 import { launch, layoutProblems, PHONE, DESKTOP } from './browser.mjs';
@@ -259,6 +260,35 @@ describe('web pages', () => {
     const landed = join(stack.music, 'Upload Tester', 'From The Laptop', '01 Hello.mp3');
     assert.ok(existsSync(landed));
     assert.deepEqual(readFileSync(landed), readFileSync(join(files, '01 Hello.mp3')));
+    // The form is fresh for the next album.
+    assert.equal(await form.getByLabel('Artist').inputValue(), '');
+
+    // Files that name themselves fill the form; a title can be changed before
+    // sending; a file that is not music is refused, and said so.
+    const tagged = [
+      ['tagged.flac', ['-c:a', 'flac', '-metadata', 'title=Flac Title', '-metadata', 'track=3']],
+      ['tagged.m4a', ['-c:a', 'aac', '-metadata', 'title=M4a Title', '-metadata', 'track=4']],
+    ].map(([name, args]) => {
+      const path = join(files, name);
+      const made = spawnSync('ffmpeg', ['-nostdin', '-loglevel', 'error', '-y', '-f', 'lavfi', '-i', 'sine=frequency=500:duration=1', '-ac', '2',
+        '-metadata', 'artist=Tag Artist', '-metadata', 'album=Tag Album', ...args, path]);
+      assert.equal(made.status, 0, String(made.stderr));
+      return path;
+    });
+    writeFileSync(join(files, 'notes.txt'), 'not music');
+    await form.getByLabel(/Music files/).setInputFiles([...tagged, join(files, 'notes.txt')]);
+    await until(async () => (await form.getByLabel('Artist').inputValue()) === 'Tag Artist', 'the artist from the tags');
+    assert.equal(await form.getByLabel('Album').inputValue(), 'Tag Album');
+    assert.equal(await page.getByLabel('Title of tagged.m4a').inputValue(), 'M4a Title');
+    await page.getByLabel('Title of tagged.flac').fill('Edited Title');
+    await page.locator('#upload-list li.refused', { hasText: 'notes.txt' }).waitFor();
+    await page.locator('#upload-chosen', { hasText: '2 files' }).waitFor();
+    await page.getByRole('button', { name: 'Upload' }).click();
+    await page.locator('#upload-result', { hasText: 'Uploaded 2 files to Tag Artist / Tag Album' }).waitFor();
+    for (const name of ['03 Edited Title.flac', '04 M4a Title.m4a'])
+      assert.ok(existsSync(join(stack.music, 'Tag Artist', 'Tag Album', name)), name);
+    assert.ok(!existsSync(join(stack.music, 'Tag Artist', 'Tag Album', 'notes.txt')));
+
     await page.locator('#upload-result').getByRole('link', { name: 'Open the library' }).click();
     await row('Upload Tester').click();
     await row('From The Laptop').click();
