@@ -1151,6 +1151,15 @@ void webRecentAlbums(const Request& r) {
     r.reply->text = list.finish();
 }
 
+// The album this disc was ripped to before: {"id":N,"artist":"...","album":"..."},
+// or [] (no disc, or never ripped), so the page can ask before a second rip.
+void webDiscInLibrary(const Request& r) {
+    r.reply->text = "[]";
+    if (testUnitReady() != CD_READY) return;
+    int album = findRippedAlbum(computeDiscId(currentToc()));
+    if (album >= 0 && album < getAlbumCount()) r.reply->text = keep(itemObject(albumToID(album)));
+}
+
 // The disc's tracks to play: [{"id":12000000+i,"name":"Track N","seconds":S}].
 void webListCD(const Request& r) {
     r.reply->text = "[]";
@@ -1384,9 +1393,17 @@ const Command commands[] = {
     {"setPlayMode", webSetPlayMode},
     {"listCD", webListCD},
     {"recentAlbums", webRecentAlbums},
+    {"discInLibrary", webDiscInLibrary},
 };
 
 }  // namespace
+
+std::vector<std::string> webCommandNames() {
+    std::vector<std::string> names;
+    for (const Command& c : commands)
+        names.push_back(c.name);
+    return names;
+}
 
 int getIdParameter(const char* text) {
     const char* at = strstr(text, "id=");

@@ -3,9 +3,14 @@
 // built yet are known by name and answered "thanks\n".
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "web/fastcgi.h"
 
 void webDispatch(const char* uri, FcgiReply* reply);
+// The command names in dispatch order.
+std::vector<std::string> webCommandNames();
 
 // "id=" anywhere in the text, then a decimal number; -1 when absent.
 int getIdParameter(const char* text);

@@ -233,7 +233,15 @@ describe('web pages', () => {
     await form.getByLabel('Artist').fill('Test Band');
     await form.getByLabel('Album').fill('Named Disc');
     await form.getByLabel(/Track names/).fill('First Song\nSecond Song');
+    // The disc is in the library already: the page asks before a second
+    // album (the page's own handler says yes to every question).
+    const asked = [];
+    const note = (d) => asked.push(d.message());
+    page.on('dialog', note);
     await form.getByRole('button', { name: 'Rip with these names' }).click();
+    await until(async () => asked.some((m) => m.includes('already in the library')), 'the question before a second rip');
+    page.off('dialog', note);
+    assert.match(asked[0], /“Album \d+” by Unknown/);
     await page.locator('#toast', { hasText: 'Ripping with your names' }).waitFor();
     await page.locator('#rip-done').waitFor({ timeout: 60000 });
     await tab('Library').click();

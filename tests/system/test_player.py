@@ -5,7 +5,7 @@ import json
 import subprocess
 import time
 
-import fcgi
+from client import Client
 
 
 def tone(path, freq, seconds):
@@ -14,28 +14,16 @@ def tone(path, freq, seconds):
                     str(path)], check=True)
 
 
-class Player:
+class Player(Client):
     def __init__(self, daemon, tmp_path, albums):
-        self.root = tmp_path / "root"
-        music = self.root / "media" / "hdd1" / "music"
+        root = tmp_path / "root"
+        music = root / "media" / "hdd1" / "music"
         for (artist, album), tracks in albums.items():
             folder = music / artist / album
             folder.mkdir(parents=True)
             for name, freq, seconds in tracks:
                 tone(folder / name, freq, seconds)
-        self.raw = tmp_path / "out.raw"
-        self.d = daemon(self.root, env={"KZ_PCM": f"file:FILE={self.raw},FORMAT=raw"})
-        self.d.wait_for("loadOrScan () finished")
-        self.d.wait_for("Waiting for incoming connections on socket")
-        self.sock = self.root / "var" / "run" / "fastCgiUnixSocket"
-        self.api("vol64")
-
-    def api(self, command):
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command)))
-        return out.split(b"\n\n", 1)[1].decode()
-
-    def status(self):
-        return json.loads(self.api("status"))
+        super().__init__(daemon, root, tmp_path / "out.raw", library=True)
 
     def id_of(self, track):
         found = json.loads(self.api("search&artists=0&albums=0&radio=0&string=" + track))

@@ -8,29 +8,18 @@ import time
 
 import pytest
 
-import fcgi
+from client import Client
 from radio_servers import Icecast, StreamServer, make_mp3, radio_browser
 
 pytestmark = pytest.mark.skipif(subprocess.run(["which", "icecast2"], capture_output=True).returncode,
                                 reason="icecast2 is not installed")
 
 
-class Radio:
+class Radio(Client):
     def __init__(self, daemon, tmp_path, env=None, name="root"):
-        self.root = tmp_path / name
-        (self.root / "media" / "hdd1").mkdir(parents=True, exist_ok=True)
-        self.raw = tmp_path / f"{name}.raw"
-        self.d = daemon(self.root, env={"KZ_PCM": f"file:FILE={self.raw},FORMAT=raw", **(env or {})})
-        self.d.wait_for("Waiting for incoming connections on socket")
-        self.sock = self.root / "var" / "run" / "fastCgiUnixSocket"
-        self.api("vol64")
-
-    def api(self, command):
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command)))
-        return out.split(b"\n\n", 1)[1].decode()
-
-    def status(self):
-        return json.loads(self.api("status"))
+        root = tmp_path / name
+        (root / "media" / "hdd1").mkdir(parents=True, exist_ok=True)
+        super().__init__(daemon, root, tmp_path / f"{name}.raw", env)
 
     def wait(self, key, value, timeout=20):
         deadline = time.monotonic() + timeout

@@ -582,3 +582,20 @@ TEST_F(CommandsTest, SearchGivesTracksInAlbumOrder) {
 }
 
 }  // namespace
+
+namespace {
+
+// A command added after the appliance's own is reached only when no earlier
+// name is in the URI: so no earlier name may be part of its own name (a
+// "rippedAlbum" would start a rip through "rip").
+TEST(CommandTableTest, AddedCommandsAreNotCapturedByEarlierNames) {
+    std::vector<std::string> names = webCommandNames();
+    auto vol = std::find(names.begin(), names.end(), "vol");
+    ASSERT_NE(vol, names.end());
+    for (auto added = vol + 1; added != names.end(); ++added) {
+        for (auto earlier = names.begin(); earlier != added; ++earlier)
+            EXPECT_EQ(added->find(*earlier), std::string::npos) << *added << " holds " << *earlier;
+    }
+}
+
+}  // namespace

@@ -223,7 +223,15 @@ function edit(c) {
 
 // The album count is taken before the rip starts: a short disc can be in
 // the library by the time the command has answered.
+// A disc already in the library is ripped again only when the user says so.
+async function ripAgainAllowed() {
+  const ripped = await call('discInLibrary').catch(() => undefined);
+  if (!ripped || !ripped.album) return true;
+  return window.confirm(`This disc is already in the library as “${ripped.album}” by ${ripped.artist}. Rip it again as a second album?`);
+}
+
 async function rip(index) {
+  if (!(await ripAgainAllowed())) return;
   const before = await albumCount();
   try {
     await call('rip', { index });
@@ -248,6 +256,7 @@ async function sendNames(command) {
   if (!form.reportValidity()) return;
   const fields = Object.fromEntries(new FormData(form));
   const tracks = $('rip-tracks').value.split('\n').map((t) => t.trim()).filter(Boolean);
+  if (command === 'newRip' && !(await ripAgainAllowed())) return;
   const before = await albumCount();
   let reply;
   try {

@@ -196,7 +196,7 @@ async function pagedList(body, fetchPage, renderItem, emptyText, my) {
 
 // An album as a tile of the grid: its cover (loaded as it scrolls into
 // view, a placeholder without one), its title and artist.
-function albumTile(a, artistName) {
+function albumTile(a, artistName, withActions = false) {
   const label = a.album ?? a.name;
   return h(
     'li',
@@ -208,7 +208,9 @@ function albumTile(a, artistName) {
       titleWithTags(label),
       a.artist && a.artist !== artistName ? h('span', { class: 'meta', text: a.artist }) : null,
     ),
-    rowActions(a.id, label),
+    // An artist's few albums carry their actions; the whole library's grid
+    // stays light (its album pages have them).
+    withActions ? rowActions(a.id, label) : null,
   );
 }
 
@@ -281,7 +283,7 @@ async function showArtist(body, id, my) {
       undefined,
       editRow('artist', id, name, { up: () => (location.hash = '#/library') }),
     ),
-    albums?.length ? h('ul', { class: 'grid' }, albums.map((a) => albumTile(a, name))) : note('No albums.'),
+    albums?.length ? h('ul', { class: 'grid' }, albums.map((a) => albumTile(a, name, true))) : note('No albums.'),
   );
 }
 
