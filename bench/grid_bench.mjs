@@ -79,7 +79,7 @@ try {
   for (let stalls = 0; stalls < 40; ) {
     await page.mouse.wheel(0, 4000);
     await page.waitForTimeout(25);
-    const now = await page.evaluate(() => document.querySelector('#library-body .grid').childElementCount);
+    const now = await page.evaluate(() => document.querySelectorAll('#library-body .tile').length);
     stalls = now === tiles ? stalls + 1 : 0;
     tiles = now;
     if (tiles >= ALBUMS && stalls > 2) break;

@@ -96,6 +96,7 @@ describe('editing the library', () => {
     await tiles.first().waitFor();
     const names = await tiles.locator('.name').allTextContents();
     assert.ok(names.includes('Stays'), names.join());
+    await page.screenshot({ path: join(SHOTS, 'albums-grid-320.png'), fullPage: true });
     // The newest folder first: one made now goes to the top.
     mkdirSync(join(stack.music, 'Keeper', 'Brand New'), { recursive: true });
     makeTone(join(stack.music, 'Keeper', 'Brand New', '01 Fresh.mp3'), 1, 440, 'Fresh');

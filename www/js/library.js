@@ -216,7 +216,9 @@ function albumTile(a, artistName, withActions = false) {
 
 // The grid fetches its next page as its end comes into view.
 async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
-  const grid = h('ul', { class: 'grid' });
+  // Each page of tiles is a grid of its own: adding one never lays out the
+  // thousands before it again, and pages off the screen are skipped.
+  const grid = h('div', { class: 'grid-pages' });
   const more = h('button', { type: 'button', class: 'btn more', hidden: true }, 'More');
   let offset = 0;
   let busy = false;
@@ -232,7 +234,7 @@ async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
       return;
     }
     offset += items.length;
-    grid.append(...items.map((a) => albumTile(a)));
+    if (items.length) grid.append(h('ul', { class: 'grid grid-page' }, items.map((a) => albumTile(a))));
     more.disabled = false;
     more.hidden = !paged || items.length < PAGE;
     if (!offset) body.replaceChildren(note(emptyText));
