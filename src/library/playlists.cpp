@@ -39,7 +39,8 @@ struct State {
     // must not wait behind a library save.
     std::atomic<int> playing{-1};
     std::atomic<int> queued{0};  // entries of the queue
-    std::vector<int> order;      // tracks of the playing playlist
+    std::atomic<int> generation{0};
+    std::vector<int> order;  // tracks of the playing playlist
     int position = 0;
 };
 
@@ -257,6 +258,8 @@ void loadPlaylists() {
 void savePlaylists() {
     State& s = P();
     Lock g;
+    // Every change is saved: the count tells open pages to read again.
+    s.generation++;
     if (!s.resolved || getLocalPath().empty()) return;
     bool ok = writeFileAtomically(playlistsPath(), [&s](FILE* f) {
         if (fprintf(f, "kzplaylists 1\n") < 0) return false;
@@ -412,6 +415,10 @@ int takeQueuedTrack() {
         return tracks.front();
     }
     return -1;
+}
+
+int playlistsGeneration() {
+    return P().generation;
 }
 
 bool hasQueuedTracks() {

@@ -48,6 +48,8 @@ int takeQueuedTrack();
 bool clearQueue();
 // Whether anything waits in the queue (no lock: the output thread asks).
 bool hasQueuedTracks();
+// Grows with every change of the playlists.
+int playlistsGeneration();
 
 // Playing a playlist: its entries expanded to tracks, in order (shuffled in
 // random mode). It starts at the first entry holding fromId (0: the first).

@@ -245,6 +245,9 @@ std::string getWebStatusCore(bool full) {
     // A machine without a drive says so, rather than "Not Ready" for ever.
     struct stat drive;
     out += stat(cdDevicePath().c_str(), &drive) == 0 ? ",\"cddrive\":true" : ",\"cddrive\":false";
+    // Unlike forceWebRefresh (once, to whichever page asks first), a count
+    // every open page can compare with what it showed.
+    add(out, ",\"changes\":%d", static_cast<long>(libraryGeneration()) + playlistsGeneration());
     out += "}";
     return out;
 }

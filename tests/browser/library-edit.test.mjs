@@ -107,6 +107,29 @@ describe('editing the library', () => {
     assert.deepEqual(await layoutProblems(page), []);
   });
 
+  it('follows changes made in another tab', async () => {
+    const made = await stack.api('newPlaylist&name=Shared');
+    await page.goto(`${stack.base}/#/playlists/${made.id}`);
+    await page.locator('#playlists-h', { hasText: 'Shared' }).waitFor();
+    await page.goto(`${stack.base}/#/playlists`);
+    const other = await browser.newPage({ viewport: NARROW });
+    try {
+      await other.goto(`${stack.base}/#/playlists/${made.id}`);
+      await other.locator('#playlists-h', { hasText: 'Shared' }).waitFor();
+      // This tab deletes it; the other, on its page, says it is gone.
+      await page.getByRole('link', { name: /Shared/ }).click();
+      await page.getByRole('button', { name: 'Delete' }).click();
+      await other.locator('#playlists-h', { hasText: 'Playlist not found' }).waitFor({ timeout: 10000 });
+      // And a list open in the other tab shows a new one without a reload.
+      await other.goto(`${stack.base}/#/playlists`);
+      await other.locator('#playlists-body').waitFor();
+      await stack.api('newPlaylist&name=Arrived');
+      await other.getByRole('link', { name: /Arrived/ }).waitFor({ timeout: 10000 });
+    } finally {
+      await other.close();
+    }
+  });
+
   it('says what is not there: a made-up album, and an address that is no page', async () => {
     await page.goto(`${stack.base}/#/library/album/1000999`);
     await page.locator('#library-body', { hasText: 'This album is not in the library' }).waitFor();

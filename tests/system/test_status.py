@@ -13,7 +13,7 @@ REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
              "hdmi", "airable", "vCache", "equaliser", "bass", "treble", "DLNA", "breadcrumbs",
              "alert", "zone", "sonos", "sonosActive", "vu",
              # Added keys come after the appliance's own.
-             "lookup", "paused", "playMode", "queued", "cddrive"]
+             "lookup", "paused", "playMode", "queued", "cddrive", "changes"]
 SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
 
 

@@ -8,6 +8,7 @@ import * as radio from './radio.js';
 import * as upload from './upload.js';
 import * as settings from './settings.js';
 import { subscribe, setFast, pollNow } from './status.js';
+import { emit } from './ui.js';
 
 const views = { now, library, playlists, cd, radio, upload, settings };
 // The views that show time or progress follow the full status every second.
@@ -51,6 +52,17 @@ function showAlert(s) {
 
 for (const view of Object.values(views)) view.init?.();
 subscribe(showAlert);
+// A change made anywhere (another tab, another phone, the front panel) has
+// every open list read again.
+let seenChanges;
+subscribe((s) => {
+  if (s.changes === undefined) return;
+  if (seenChanges !== undefined && s.changes !== seenChanges) {
+    emit('library-changed');
+    emit('playlists-changed');
+  }
+  seenChanges = s.changes;
+});
 $('alert-close').addEventListener('click', () => {
   dismissed = $('alert-text').textContent;
   $('alert').hidden = true;
