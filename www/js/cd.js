@@ -39,6 +39,8 @@ async function checkWatch() {
     const now = await albumCount();
     if (now > watch.before || Number.isNaN(watch.before)) {
       watch.done = true;
+      // Said last, so no older message can outlive it.
+      toast('Ripped: the album is in the library');
       emit('library-changed');
       renderDisc();
       return;
@@ -239,8 +241,8 @@ async function rip(index) {
     toast('The music server did not answer');
     return;
   }
-  startWatch(before);
   toast('Ripping started');
+  startWatch(before);
 }
 
 // The names as the daemon reads them: one key=value a line, tracks in order.
@@ -269,8 +271,8 @@ async function sendNames(command) {
     return;
   }
   if (command === 'newRip') {
-    startWatch(before);
     toast('Ripping with your names');
+    startWatch(before);
   } else {
     toast('The album is renamed');
     emit('library-changed');
