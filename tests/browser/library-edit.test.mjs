@@ -130,6 +130,13 @@ describe('editing the library', () => {
     }
   });
 
+  it('says what Eject did with a disc image', async () => {
+    await page.goto(`${stack.base}/#/cd`);
+    await page.locator('#cd-state', { hasText: /^Ready$/ }).waitFor({ timeout: 20000 });
+    await page.getByRole('button', { name: 'Eject' }).click();
+    await page.locator('#toast', { hasText: 'The disc is still in' }).waitFor({ timeout: 10000 });
+  });
+
   it('says what is not there: a made-up album, and an address that is no page', async () => {
     await page.goto(`${stack.base}/#/library/album/1000999`);
     await page.locator('#library-body', { hasText: 'This album is not in the library' }).waitFor();

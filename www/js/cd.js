@@ -295,7 +295,15 @@ export function init() {
   });
   $('cd-eject').addEventListener('click', async () => {
     await call('eject').catch(() => {});
-    pollNow(500);
+    toast('Opening the drive…');
+    // Say what happened: a drive that did not open (or a disc image, when kz
+    // runs on a computer) leaves the disc where it was.
+    setTimeout(async () => {
+      const s = await call('status').catch(() => undefined);
+      if (!s) return;
+      toast(s.cdloaded === true ? 'The disc is still in: the drive did not open (a disc image on a computer stays in)' : 'Ejected');
+      pollNow();
+    }, 2500);
   });
   $('rip-form').addEventListener('submit', (e) => {
     e.preventDefault();
