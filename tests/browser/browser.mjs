@@ -30,3 +30,18 @@ export function layoutProblems(page) {
     return found;
   });
 }
+
+// A page that notes every request leaving the given addresses (no page of
+// kz may reach the internet) and every script error.
+export async function watchedPage(browser, viewport, bases) {
+  const page = await browser.newPage({ viewport });
+  const outside = [];
+  const errors = [];
+  page.on('request', (r) => {
+    const u = r.url();
+    if (!bases().some((b) => u.startsWith(b)) && !u.startsWith('data:')) outside.push(u);
+  });
+  page.on('pageerror', (e) => errors.push(e.message));
+  page.on('console', (m) => m.type() === 'error' && !m.text().startsWith('Failed to load resource') && errors.push(m.text()));
+  return { page, outside, errors };
+}

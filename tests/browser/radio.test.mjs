@@ -10,7 +10,7 @@ import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
 import { Stack, TOP } from './stack.mjs';
-import { launch, layoutProblems, PHONE, DESKTOP } from './browser.mjs';
+import { launch, layoutProblems, watchedPage, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
 const HOSTILE = '<img src=x onerror="window.pwned=1">';
@@ -82,8 +82,8 @@ describe('Radio in the pages', () => {
   let browser;
   let page;
   let work;
-  const outside = [];
-  const errors = [];
+  let outside;
+  let errors;
 
   before(async () => {
     work = mkdtempSync(join(tmpdir(), 'kz-radio-page-'));
@@ -99,13 +99,7 @@ describe('Radio in the pages', () => {
     stations = new Stations(readFileSync(mp3), readFileSync(png));
     stack = await Stack.start({ discTracks: [4], env: await stations.start() });
     browser = await launch();
-    page = await browser.newPage({ viewport: PHONE });
-    page.on('request', (r) => {
-      const u = r.url();
-      if (!u.startsWith(stack.base) && !u.startsWith(stations.base) && !u.startsWith('data:')) outside.push(u);
-    });
-    page.on('pageerror', (e) => errors.push(e.message));
-    page.on('console', (m) => m.type() === 'error' && !m.text().startsWith('Failed to load resource') && errors.push(m.text()));
+    ({ page, outside, errors } = await watchedPage(browser, PHONE, () => [stack.base, stations.base]));
   });
 
   after(async () => {
