@@ -1151,6 +1151,27 @@ void webRecentAlbums(const Request& r) {
     r.reply->text = list.finish();
 }
 
+// "&offset=N&count=M" (count at most 500): albums in display order for the
+// pages' grid, each with whether it has a cover, so a tile without one asks
+// for nothing: [{"id":N,"artist":"...","album":"...","art":true}].
+void webAlbumTiles(const Request& r) {
+    const char* v = findParameter(r.uri, "&offset=");
+    int offset = v ? std::max(0, toInt(v)) : 0;
+    int count = (v = findParameter(r.uri, "&count=")) ? std::clamp(toInt(v), 1, 500) : 50;
+    static thread_local JsonList list;
+    list = JsonList();
+    int seen = 0;
+    for (int a : albumsInDisplayOrder()) {
+        if (!albumVisible(a) || seen++ < offset) continue;
+        if (seen > offset + count) break;
+        std::string item = itemObject(albumToID(a));
+        item.pop_back();
+        item += albumArtPath(a).empty() ? ",\"art\":false}" : ",\"art\":true}";
+        if (!list.add(item)) break;
+    }
+    r.reply->text = list.finish();
+}
+
 // The album this disc was ripped to before: {"id":N,"artist":"...","album":"..."},
 // or [] (no disc, or never ripped), so the page can ask before a second rip.
 void webDiscInLibrary(const Request& r) {
@@ -1394,6 +1415,7 @@ const Command commands[] = {
     {"listCD", webListCD},
     {"recentAlbums", webRecentAlbums},
     {"discInLibrary", webDiscInLibrary},
+    {"albumTiles", webAlbumTiles},
 };
 
 }  // namespace

@@ -204,7 +204,8 @@ function albumTile(a, artistName, withActions = false) {
     h(
       'a',
       { class: 'row-main tile-link', href: `#/library/album/${a.id}` },
-      cover(artUrl(a.id), 'tile-art'),
+      // Known to have no cover: the placeholder, and no request.
+      a.art === false ? h('span', { class: 'art tile-art' }, icon('note')) : cover(artUrl(a.id), 'tile-art'),
       titleWithTags(label),
       a.artist && a.artist !== artistName ? h('span', { class: 'meta', text: a.artist }) : null,
     ),
@@ -251,7 +252,10 @@ async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
 
 async function showAlbums(body, my) {
   crumbs([['All albums', '#/library/albums']]);
-  await albumGrid(body, (offset) => list('search', { artists: 0, tracks: 0, offset, count: PAGE, string: '' }), 'The library has no albums.', my);
+  // albumTiles says which albums have covers; an older daemon without it
+  // answers "thanks", and search lists the albums.
+  const page = async (offset) => (await list('albumTiles', { offset, count: PAGE })) ?? list('search', { artists: 0, tracks: 0, offset, count: PAGE, string: '' });
+  await albumGrid(body, page, 'The library has no albums.', my);
 }
 
 async function showRecent(body, my) {
