@@ -599,3 +599,24 @@ TEST(CommandTableTest, AddedCommandsAreNotCapturedByEarlierNames) {
 }
 
 }  // namespace
+
+namespace {
+
+// The grid's albums say whether they have a cover, in display order, paged.
+TEST_F(CommandsTest, AlbumTilesSayWhichAlbumsHaveCovers) {
+    int r = addArtistToDb("Painter");
+    for (const char* album : {"Bare", "Framed"}) {
+        touch(std::string("Painter/") + album + "/01 One.mp3");
+        addTrackToDb("01 One.mp3", addAlbumToDb(album, r));
+    }
+    touch("Painter/Framed/coverart.jpg", "\xFF\xD8\xFF");
+    std::string tiles = call("/api/albumTiles&offset=0&count=5");
+    EXPECT_NE(tiles.find("\"album\":\"Bare\",\"art\":false}"), std::string::npos) << tiles;
+    EXPECT_NE(tiles.find("\"album\":\"Framed\",\"art\":true}"), std::string::npos) << tiles;
+    EXPECT_TRUE(isJson(tiles)) << tiles;
+    std::string second = call("/api/albumTiles&offset=1&count=1");
+    EXPECT_EQ(std::count(second.begin(), second.end(), '{'), 1) << second;
+    EXPECT_EQ(call("/api/albumTiles&offset=9"), "[]");
+}
+
+}  // namespace
