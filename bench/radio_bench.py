@@ -4,7 +4,6 @@ station to the first sound (the status turning to "Playing"; aim: under
 a 128 kbit/s MP3 stream plays, beside the same figure for the same MP3
 played from the library.
 Usage: radio_bench.py KZ_BINARY WORK_FOLDER"""
-import json
 import os
 import pathlib
 import shutil
@@ -13,16 +12,11 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tests", "system"))
-import fcgi  # noqa: E402
 import kzdaemon  # noqa: E402
+from client import Client  # noqa: E402
 from radio_servers import StreamServer, make_mp3  # noqa: E402
 
 TICKS = os.sysconf("SC_CLK_TCK")
-
-
-def api(sock, command):
-    out = fcgi.stdout_of(fcgi.call(sock, fcgi.request("/api/" + command)))
-    return out.split(b"\n\n", 1)[1].decode()
 
 
 def cpu_seconds(pid):
@@ -40,7 +34,7 @@ def cpu_seconds(pid):
     return total / TICKS
 
 
-def measure(sock, pid, seconds):
+def measure(pid, seconds):
     start_cpu, start = cpu_seconds(pid), time.monotonic()
     time.sleep(seconds)
     return (cpu_seconds(pid) - start_cpu) / (time.monotonic() - start)
@@ -55,29 +49,33 @@ def main():
     mp3 = make_mp3(album / "01 Tone.mp3", 440, seconds=120)
     server = StreamServer(work / "www")
     server.stream("/tone", mp3)
-    d = kzdaemon.Daemon(work / "root", {"KZ_PCM": "null"})
+    started = []
+
+    def daemon(root, env=None, **kw):
+        started.append(kzdaemon.Daemon(root, env, **kw))
+        return started[-1]
+
     try:
-        d.wait_for("Waiting for incoming connections on socket")
-        d.wait_for("loadOrScan () finished")
-        sock = work / "root" / "var" / "run" / "fastCgiUnixSocket"
-        station = json.loads(api(sock, "addStation&name=Bench&url=" +
-                                 "".join(f"%{b:02X}" for b in server.url("/tone").encode())))["id"]
+        kz = Client(daemon, work / "root", {"KZ_PCM": "null"})
+        station = kz.json("addStation&name=Bench&url=" +
+                          "".join(f"%{b:02X}" for b in server.url("/tone").encode()))["id"]
         firsts = []
         for _ in range(7):
-            api(sock, "playID&id=2000000")
+            kz.api("playID&id=2000000")
             time.sleep(1)
             start = time.monotonic()
-            api(sock, f"playID&id={station}")
-            while json.loads(api(sock, "status")).get("radioStatus") != "Playing":
+            kz.api(f"playID&id={station}")
+            while kz.status().get("radioStatus") != "Playing":
                 time.sleep(0.005)
             firsts.append(time.monotonic() - start)
         time.sleep(3)
-        radio_cpu = measure(sock, d.proc.pid, 20)
-        api(sock, "playID&id=2000000")
+        radio_cpu = measure(kz.d.proc.pid, 20)
+        kz.api("playID&id=2000000")
         time.sleep(3)
-        library_cpu = measure(sock, d.proc.pid, 20)
+        library_cpu = measure(kz.d.proc.pid, 20)
     finally:
-        d.stop()
+        for d in started:
+            d.stop()
         server.stop()
     print(f"radio: playID to first sound, median of {len(firsts)}: {statistics.median(firsts):.2f} s "
           f"(min {min(firsts):.2f}, max {max(firsts):.2f}; aim under 1.5 s)")

@@ -1,24 +1,49 @@
-"""A daemon started in a root of its own, playing into an ALSA file PCM, and
-asked over its FastCGI socket."""
+"""A daemon started in a root of its own and asked over its FastCGI socket;
+Playing adds an ALSA file PCM that takes what it plays."""
 import json
+import time
 
 import fcgi
 
 
 class Client:
-    def __init__(self, daemon, root, raw, env=None, library=False):
-        self.root, self.raw = root, raw
-        self.d = daemon(root, env={"KZ_PCM": f"file:FILE={raw},FORMAT=raw", **(env or {})})
+    # Seconds until() waits when not told.
+    until_seconds = 20
+
+    def __init__(self, daemon, root, env=None, library=True, **kw):
+        self.root = root
+        self.d = daemon(root, env=env, **kw)
         if library:
             self.d.wait_for("loadOrScan () finished")
         self.d.wait_for("Waiting for incoming connections on socket")
         self.sock = root / "var" / "run" / "fastCgiUnixSocket"
-        self.api("vol64")
+
+    def raw(self, command, body=b""):
+        """The reply's bytes, without its headers."""
+        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command, body=body)))
+        return out.split(b"\r\n\n", 1)[1]
 
     def api(self, command):
-        """The reply's text, without its headers."""
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command)))
-        return out.split(b"\n\n", 1)[1].decode()
+        return self.raw(command).decode()
+
+    def json(self, command):
+        return json.loads(self.raw(command))
 
     def status(self):
-        return json.loads(self.api("status"))
+        return self.json("status")
+
+    def until(self, check, timeout=None, what="condition"):
+        deadline = time.monotonic() + (self.until_seconds if timeout is None else timeout)
+        while True:
+            value = check()
+            if value:
+                return value
+            assert time.monotonic() < deadline, f"timed out waiting for {what}; log:\n" + "\n".join(self.d.lines[-40:])
+            time.sleep(0.05)
+
+
+class Playing(Client):
+    def __init__(self, daemon, root, pcm, env=None, library=False):
+        self.pcm = pcm
+        super().__init__(daemon, root, {"KZ_PCM": f"file:FILE={pcm},FORMAT=raw", **(env or {})}, library)
+        self.api("vol64")

@@ -13,7 +13,7 @@ import pathlib
 
 import pytest
 
-import fcgi
+from client import Client
 from kzdaemon import KZ_BIN
 from test_lookup import disc_image
 
@@ -74,29 +74,11 @@ def cover(path):
     return path.read_bytes()
 
 
-class Kz:
+class Kz(Client):
+    until_seconds = 60
+
     def __init__(self, daemon, root, env=None, compression="None", **kw):
-        self.root = root
-        self.d = daemon(root, env=env, compression=compression, **kw)
-        self.d.wait_for("loadOrScan () finished")
-        self.d.wait_for("Waiting for incoming connections on socket")
-        self.sock = root / "var" / "run" / "fastCgiUnixSocket"
-
-    def raw(self, command, body=b""):
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command, body=body)))
-        return out.split(b"\r\n\n", 1)[1]
-
-    def json(self, command):
-        return json.loads(self.raw(command))
-
-    def until(self, check, timeout=60, what="condition"):
-        deadline = time.monotonic() + timeout
-        while True:
-            value = check()
-            if value:
-                return value
-            assert time.monotonic() < deadline, f"timed out waiting for {what}; log:\n" + "\n".join(self.d.lines[-40:])
-            time.sleep(0.1)
+        super().__init__(daemon, root, env, compression=compression, **kw)
 
     def idle(self, timeout=60):
         """Waits for the job to have nothing left: no WAV it would take."""

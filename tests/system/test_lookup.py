@@ -6,7 +6,7 @@ import struct
 import time
 import urllib.parse
 
-import fcgi
+from client import Client
 from lookup_services import JPEG, Services, disc_xml, release_xml, xmcd
 
 TITLES = ["Opening", "Middle", "Closing"]
@@ -31,29 +31,7 @@ def disc_image(root, seconds=(3, 3, 3)):
     return root / "disc.cue"
 
 
-class Kz:
-    def __init__(self, daemon, root, env):
-        self.d = daemon(root, env=env)
-        self.d.wait_for("loadOrScan () finished")
-        self.d.wait_for("Waiting for incoming connections on socket")
-        self.sock = root / "var" / "run" / "fastCgiUnixSocket"
-
-    def raw(self, command, body=b""):
-        out = fcgi.stdout_of(fcgi.call(self.sock, fcgi.request("/api/" + command, body=body)))
-        return out.split(b"\r\n\n", 1)[1]
-
-    def json(self, command):
-        return json.loads(self.raw(command))
-
-    def until(self, check, timeout=20, what="condition"):
-        deadline = time.monotonic() + timeout
-        while True:
-            value = check()
-            if value:
-                return value
-            assert time.monotonic() < deadline, f"timed out waiting for {what}"
-            time.sleep(0.05)
-
+class Kz(Client):
     def log_of_lookup(self):
         words = ("ookup", "MusicBrainz", "CDDB", "cddb", "over art")
         return "\n".join(l for l in self.d.lines if any(w in l for w in words))

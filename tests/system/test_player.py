@@ -5,7 +5,7 @@ import json
 import subprocess
 import time
 
-from client import Client
+from client import Playing
 
 
 def tone(path, freq, seconds):
@@ -14,7 +14,7 @@ def tone(path, freq, seconds):
                     str(path)], check=True)
 
 
-class Player(Client):
+class Player(Playing):
     def __init__(self, daemon, tmp_path, albums):
         root = tmp_path / "root"
         music = root / "media" / "hdd1" / "music"
@@ -65,7 +65,7 @@ def test_pause_holds_the_same_sample_and_resume_goes_on_from_it(daemon, tmp_path
     assert p.d.stop() == 0
 
     data = array.array("h")
-    raw = p.raw.read_bytes()
+    raw = p.pcm.read_bytes()
     data.frombytes(raw[:len(raw) // 4 * 4])
     left, right = data[0::2], data[1::2]
     # Runs of the idle value (1 on both sides) longer than 10 ms are silence

@@ -8,14 +8,14 @@ import time
 
 import pytest
 
-from client import Client
+from client import Playing
 from radio_servers import Icecast, StreamServer, make_mp3, radio_browser
 
 pytestmark = pytest.mark.skipif(subprocess.run(["which", "icecast2"], capture_output=True).returncode,
                                 reason="icecast2 is not installed")
 
 
-class Radio(Client):
+class Radio(Playing):
     def __init__(self, daemon, tmp_path, env=None, name="root"):
         root = tmp_path / name
         (root / "media" / "hdd1").mkdir(parents=True, exist_ok=True)
@@ -37,7 +37,7 @@ class Radio(Client):
 
     def heard(self, seconds=1.0):
         """The frequency of the last seconds played (0 for silence)."""
-        data = self.raw.read_bytes()
+        data = self.pcm.read_bytes()
         frames = int(44100 * seconds)
         samples = array.array("h")
         samples.frombytes(data[len(data) // 4 * 4 - frames * 4:len(data) // 4 * 4])
