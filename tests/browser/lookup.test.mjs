@@ -5,11 +5,10 @@
 import { describe, it, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer } from 'node:http';
-import { spawnSync } from 'node:child_process';
 import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
-import { Stack, TOP } from './stack.mjs';
+import { Stack, TOP, ffmpeg } from './stack.mjs';
 import { launch, layoutProblems, watchedPage, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -99,8 +98,7 @@ describe('CD lookup in the pages', () => {
   before(async () => {
     work = mkdtempSync(join(tmpdir(), 'kz-lookup-page-'));
     const jpeg = join(work, 'cover.jpg');
-    const made = spawnSync('ffmpeg', ['-nostdin', '-loglevel', 'error', '-f', 'lavfi', '-i', 'color=c=orange:s=96x96', '-frames:v', '1', jpeg]);
-    assert.equal(made.status, 0, String(made.stderr));
+    ffmpeg('-f', 'lavfi', '-i', 'color=c=orange:s=96x96', '-frames:v', '1', jpeg);
     services = new Services(readFileSync(jpeg));
     const env = await services.start();
     stack = await Stack.start({ discTracks: [4, 4], env });

@@ -4,9 +4,8 @@ import { describe, it, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { spawnSync } from 'node:child_process';
 import { tmpdir } from 'node:os';
-import { Stack, TOP, makeTone } from './stack.mjs';
+import { Stack, TOP, ffmpeg, makeTone } from './stack.mjs';
 import { launch, layoutProblems, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -279,9 +278,7 @@ describe('web pages', () => {
       ['tagged.m4a', ['-c:a', 'aac', '-metadata', 'title=M4a Title', '-metadata', 'track=4']],
     ].map(([name, args]) => {
       const path = join(files, name);
-      const made = spawnSync('ffmpeg', ['-nostdin', '-loglevel', 'error', '-y', '-f', 'lavfi', '-i', 'sine=frequency=500:duration=1', '-ac', '2',
-        '-metadata', 'artist=Tag Artist', '-metadata', 'album=Tag Album', ...args, path]);
-      assert.equal(made.status, 0, String(made.stderr));
+      ffmpeg('-f', 'lavfi', '-i', 'sine=frequency=500:duration=1', '-ac', '2', '-metadata', 'artist=Tag Artist', '-metadata', 'album=Tag Album', ...args, path);
       return path;
     });
     writeFileSync(join(files, 'notes.txt'), 'not music');

@@ -5,11 +5,10 @@
 import { describe, it, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer } from 'node:http';
-import { spawnSync } from 'node:child_process';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
-import { Stack, TOP } from './stack.mjs';
+import { Stack, TOP, ffmpeg } from './stack.mjs';
 import { launch, layoutProblems, watchedPage, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -89,13 +88,8 @@ describe('Radio in the pages', () => {
     work = mkdtempSync(join(tmpdir(), 'kz-radio-page-'));
     const mp3 = join(work, 'tone.mp3');
     const png = join(work, 'logo.png');
-    for (const args of [
-      ['-f', 'lavfi', '-i', 'sine=frequency=500:duration=10', '-ac', '2', '-c:a', 'libmp3lame', '-b:a', '128k', mp3],
-      ['-f', 'lavfi', '-i', 'color=c=teal:s=64x64', '-frames:v', '1', png],
-    ]) {
-      const made = spawnSync('ffmpeg', ['-nostdin', '-loglevel', 'error', ...args]);
-      assert.equal(made.status, 0, String(made.stderr));
-    }
+    ffmpeg('-f', 'lavfi', '-i', 'sine=frequency=500:duration=10', '-ac', '2', '-c:a', 'libmp3lame', '-b:a', '128k', mp3);
+    ffmpeg('-f', 'lavfi', '-i', 'color=c=teal:s=64x64', '-frames:v', '1', png);
     stations = new Stations(readFileSync(mp3), readFileSync(png));
     stack = await Stack.start({ discTracks: [4], env: await stations.start() });
     browser = await launch();

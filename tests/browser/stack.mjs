@@ -31,10 +31,14 @@ function freePort() {
 }
 
 // A tone of `seconds` as a music file, tagged like the demo library's.
+// ffmpeg with these arguments, quietly; throws with its errors when it fails.
+export function ffmpeg(...args) {
+  run(FFMPEG, ['-nostdin', '-loglevel', 'error', '-y', ...args]);
+}
+
 export function makeTone(path, seconds, frequency, title) {
   mkdirSync(dirname(path), { recursive: true });
-  run(FFMPEG, ['-nostdin', '-loglevel', 'error', '-y', '-f', 'lavfi', '-i', `sine=frequency=${frequency}:duration=${seconds}`,
-    '-ac', '2', '-ar', '44100', '-metadata', `title=${title}`, path]);
+  ffmpeg('-f', 'lavfi', '-i', `sine=frequency=${frequency}:duration=${seconds}`, '-ac', '2', '-ar', '44100', '-metadata', `title=${title}`, path);
 }
 
 // A disc image that libcdio reads: raw 2,352-byte sectors (588 stereo
