@@ -60,17 +60,14 @@ const char* sourceName(int source) {
 }
 
 // What a source other than the library is playing, or "" for the library.
-std::string otherSourceTitle(int selected) {
+std::string otherSourceTitle(int selected, const RadioView& radio) {
     if (selected == SEL_WEB) return getWebTitle();
     if (selected == SEL_CD) {
         int index = getCDTrackIndex();
         return index >= 0 ? "Track " + std::to_string(index + 1) : "CD";
     }
     if (selected == SEL_HDD) return "";
-    if (selected == SEL_RADIO) {
-        std::string title = radioView().title;
-        return title.empty() ? "Radio" : title;
-    }
+    if (selected == SEL_RADIO) return radio.title.empty() ? "Radio" : radio.title;
     return sourceName(selected);
 }
 
@@ -152,7 +149,9 @@ std::string getWebStatusCore(bool full) {
     const int u = idToUSBTrack(id);
     // Another source than the library plays: its own title, not the last
     // library track's.
-    std::string title = otherSourceTitle(selected);
+    // The radio's view is read once: each part of it takes the player's lock.
+    const RadioView radio = selected == SEL_RADIO ? radioView() : RadioView();
+    std::string title = otherSourceTitle(selected, radio);
     if (!title.empty()) {
         addText(out, "track", title.c_str());
     } else if (idIsTrack(id) && t >= 0 && t < getTrackCount()) {
@@ -189,7 +188,6 @@ std::string getWebStatusCore(bool full) {
         out += ",\"track\":\"empty\",\"album\":\"empty\",\"artist\":\"empty\"";
     }
     if (selected == SEL_RADIO) {
-        RadioView radio = radioView();
         addText(out, "station", radio.station.c_str());
         if (full) addText(out, "radioStatus", radio.status.c_str());
         addText(out, "logo", radio.logo.c_str());
