@@ -644,9 +644,9 @@ int startPlayingID(int id) {
 
 namespace {
 
-// What follows track t by the play mode, when nothing is queued.
-int playNextByMode(int t, bool afterEnd) {
-    if (afterEnd && S().repeatMode == REPEAT_TRACK) return playTrackIndex(t);
+// What follows track t by the play mode, when nothing is queued and it does
+// not repeat itself.
+int playNextByMode(int t) {
     if (S().randomMode) {
         int next = shuffleNext(t);
         return next >= 0 ? playTrackIndex(next) : 0;
@@ -679,9 +679,10 @@ int startNextTrack(bool afterEnd) {
         lib().currentID = S().queueReturnId;
         S().queueReturnId = INVALID_ID;
     }
+    // A track that ends in repeat-track mode plays again, in a playlist too.
+    if (afterEnd && S().repeatMode == REPEAT_TRACK && idIsTrack(lib().currentID))
+        return playTrackIndex(idToTrack(lib().currentID));
     if (isPlaylistPlaying()) {
-        if (afterEnd && S().repeatMode == REPEAT_TRACK && idIsTrack(lib().currentID))
-            return playTrackIndex(idToTrack(lib().currentID));
         int next = playlistNextTrack();
         if (next >= 0) return playTrackIndex(next);
         stopPlaylistPlayback();
@@ -689,7 +690,7 @@ int startNextTrack(bool afterEnd) {
     }
     int t = idToTrack(lib().currentID);
     if (!idIsTrack(lib().currentID) || t >= getTrackCount()) return 0;
-    return playNextByMode(t, afterEnd);
+    return playNextByMode(t);
 }
 
 }  // namespace
