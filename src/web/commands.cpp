@@ -878,16 +878,18 @@ std::string stationObject(int index) {
            ",\"radio\":" + quoted(getRadioName(index).c_str()) + "}";
 }
 
-std::string textParameter(const char* text, const char* name, bool last) {
+// A parameter's text, percent-decoded: up to the next "&", or to the end of
+// the URI when it is the last one (and may hold "&"); at most most - 1 bytes.
+std::string textParameter(const char* text, const char* name, bool last, size_t most = 4096) {
     const char* v = findParameter(text, name);
     if (!v) return "";
-    static thread_local char value[4096];
+    std::vector<char> value(std::min(strlen(v) + 1, most));
     if (last) {
-        stripPercentagesFromURLTail(value, v, sizeof value);
+        stripPercentagesFromURLTail(value.data(), v, value.size());
     } else {
-        stripPercentagesFromURL(value, v, sizeof value);
+        stripPercentagesFromURL(value.data(), v, value.size());
     }
-    return value;
+    return value.data();
 }
 
 void webGetPresets(const Request& r) {
@@ -1098,11 +1100,7 @@ void webLookupDisc(const Request& r) {
 
 // The address is the request's last parameter: it may hold "&" of its own.
 std::string urlParameter(const Request& r) {
-    const char* v = findParameter(r.uri, "&url=");
-    if (!v) return "";
-    std::vector<char> buffer(strlen(v) + 1);
-    stripPercentagesFromURLTail(buffer.data(), v, buffer.size());
-    return buffer.data();
+    return textParameter(r.uri, "&url=", true, SIZE_MAX);
 }
 
 void webArtURL(const Request& r) {
