@@ -22,8 +22,7 @@ std::mutex& listMutex() {
 }
 
 std::string field(const std::string& text) {
-    std::string out = cleanStreamText(text, 1024);
-    return out;
+    return cleanStreamText(text, 1024);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // tone and segue; and the strip that shows the same on every other view.
 import { act, artUrl, call } from './api.js';
 import { state, subscribe, pollNow, num } from './status.js';
-import { fmtTime, h, splitTags, toast, volumePercent } from './ui.js';
+import { fmtTime, splitTags, titleNodes, toast, volumePercent } from './ui.js';
 
 const $ = (id) => document.getElementById(id);
 
@@ -63,10 +63,10 @@ let lastAlbum;
 function render(s) {
   const playing = s.playing === 1 || s.playing === '1';
   const title = hasTrack(s) ? s.track : 'Nothing to play';
-  const { title: shown, tags } = splitTags(title);
+  const shown = splitTags(title).title;
   if ($('now-track').dataset.title !== title) {
     $('now-track').dataset.title = title;
-    $('now-track').replaceChildren(shown, ...tags.map((t) => h('span', { class: 'tag', title: `Class ${t}`, text: t })));
+    $('now-track').replaceChildren(...titleNodes(title));
   }
   const artist = $('now-artist');
   const album = $('now-album');

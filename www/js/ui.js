@@ -132,9 +132,14 @@ export function splitTags(name) {
   return { title: title || text, tags: title ? tags : [] };
 }
 
-export function titleWithTags(name, cls = 'name') {
+// The title and its class badges, as nodes to put in an element.
+export function titleNodes(name) {
   const { title, tags } = splitTags(name);
-  return h('span', { class: cls }, title, ...tags.map((t) => h('span', { class: 'tag', title: `Class ${t}`, text: t })));
+  return [title, ...tags.map((t) => h('span', { class: 'tag', title: `Class ${t}`, text: t }))];
+}
+
+export function titleWithTags(name, cls = 'name') {
+  return h('span', { class: cls }, ...titleNodes(name));
 }
 
 // A row's name with an optional line of detail under it.
