@@ -173,6 +173,18 @@ void RadioPlayer::setState(RadioState state) {
     state_ = state;
 }
 
+void RadioPlayer::beginStream(const std::string& type, const std::string& icyName) {
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        streamType_ = type;
+        if (station_.name.empty() && !icyName.empty()) station_.name = cleanStreamText(icyName);
+        state_ = RadioState::Streaming;
+        // The recorder hears that a new stream (with headers of its own) begins.
+        if (tap_) tap_(nullptr, 0);
+    }
+    addEvent(99);
+}
+
 void RadioPlayer::setTitle(const std::string& title) {
     kzLog("Radio: title %s\n", title.c_str());
     std::lock_guard<std::mutex> g(mutex_);
@@ -325,21 +337,10 @@ RadioPlayer::Outcome RadioPlayer::playUrl(Session& s, const std::string& url, in
             mode = Mode::NoDecoder;
             return false;
         }
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            streamType_ = r.contentType.empty() ? "audio/mpeg" : r.contentType;
-            if (station_.name.empty() && !r.icyName.empty())
-                station_.name = cleanStreamText(r.icyName);
-            state_ = RadioState::Streaming;
-        }
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            if (tap_) tap_(nullptr, 0);
-        }
+        beginStream(r.contentType.empty() ? "audio/mpeg" : r.contentType, r.icyName);
         kzLog("Radio: %s streams %s%s\n", r.effectiveUrl.c_str(),
               r.contentType.empty() ? "(no type)" : r.contentType.c_str(),
               r.metaint ? " with titles" : "");
-        addEvent(99);
         icy = std::make_unique<IcySplitter>(
             r.metaint, [&](const char* d, size_t n) { return writeAudio(s, d, n); },
             [&](const std::string& t) { setTitle(t); });
@@ -464,16 +465,7 @@ RadioPlayer::Outcome RadioPlayer::playHls(Session& s, const std::string& url, st
         }
         if (!started) {
             if (!startDecoder(s)) return Outcome::Retry;
-            {
-                std::lock_guard<std::mutex> g(mutex_);
-                streamType_ = "application/vnd.apple.mpegurl";
-                state_ = RadioState::Streaming;
-            }
-            {
-                std::lock_guard<std::mutex> g(mutex_);
-                if (tap_) tap_(nullptr, 0);
-            }
-            addEvent(99);
+            beginStream("application/vnd.apple.mpegurl", "");
             started = true;
             // A live stream is joined three segments from its end.
             if (!media.endList && media.segments.size() > 3)

@@ -81,6 +81,8 @@ class RadioPlayer {
     bool decodedAnything(Session& s, int slot);
     void setState(RadioState state);
     void setTitle(const std::string& title);
+    // Audio starts: its type, the server's name for it, the recorder told.
+    void beginStream(const std::string& type, const std::string& icyName);
     void releaseSlots(Session& s);
 
     void stopLocked();
