@@ -7,14 +7,28 @@ import { fmtTime, splitTags, titleNodes, toast, volumePercent } from './ui.js';
 const $ = (id) => document.getElementById(id);
 
 // While the user holds a control, the daemon's older value must not snap it
-// back; it follows the daemon again a moment after the last touch.
+// back: not until the daemon has answered the change, nor from a status asked
+// for before that answer, nor (while the control has the focus) for a moment
+// after the last touch.
 const HOLD_MS = 1500;
+const ANSWER_MS = 6000;
 const touched = new Map();
+const answered = new Map();
 function touch(el) {
   touched.set(el, performance.now());
 }
+function settle(...els) {
+  for (const el of els) answered.set(el, performance.now());
+}
 function held(el) {
-  return document.activeElement === el && touched.has(el) && performance.now() - touched.get(el) < HOLD_MS;
+  const at = touched.get(el);
+  if (at === undefined) return false;
+  const done = answered.get(el) ?? -Infinity;
+  const now = performance.now();
+  // An answer that never comes holds the control only so long.
+  if (done < at) return now - at < ANSWER_MS;
+  if ((state.requestedAt ?? -Infinity) < done) return true;
+  return document.activeElement === el && now - at < HOLD_MS;
 }
 function setValue(el, value) {
   if (!held(el) && el.value !== String(value)) el.value = value;
@@ -156,6 +170,7 @@ export function init() {
   $('playmode').addEventListener('change', async () => {
     touch($('playmode'));
     const reply = await call('setPlayMode', { mode: $('playmode').value }).catch(() => undefined);
+    settle($('playmode'));
     const chosen = $('playmode').selectedOptions[0]?.textContent;
     toast(reply?.playMode === $('playmode').value ? `Play mode: ${chosen}` : 'Could not change the play mode');
     pollNow();
@@ -171,20 +186,26 @@ export function init() {
   seek.addEventListener('change', async () => {
     touch(seek);
     const duration = Number(seek.max);
-    if (!(duration > 0)) return;
-    await act('seek', { pos: Math.min(999, Math.round((Number(seek.value) * 1000) / duration)) });
+    if (duration > 0) await act('seek', { pos: Math.min(999, Math.round((Number(seek.value) * 1000) / duration)) });
+    settle(seek);
     pollNow(300);
   });
 
   const volume = $('volume');
-  const sendVolume = throttled((v) => act('vol' + v), 150);
+  const sendVolume = throttled((v) => act('vol' + v).finally(() => settle(volume)), 150);
   volume.addEventListener('input', () => {
     touch(volume);
     $('volume-out').textContent = volumePercent(volume.value);
     sendVolume(Number(volume.value));
   });
 
-  const sendTone = throttled(() => act('setTone', { bass: Number($('bass').value), treble: Number($('treble').value) }), 150);
+  const sendTone = throttled(
+    () =>
+      act('setTone', { bass: Number($('bass').value), treble: Number($('treble').value) }).finally(() =>
+        settle($('bass'), $('treble')),
+      ),
+    150,
+  );
   for (const id of ['bass', 'treble']) {
     $(id).addEventListener('input', () => {
       touch($(id));
@@ -196,6 +217,7 @@ export function init() {
   $('segue').addEventListener('change', async () => {
     touch($('segue'));
     await call('setSegue', { mode: $('segue').value }).catch(() => {});
+    settle($('segue'));
     pollNow();
   });
 }

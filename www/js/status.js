@@ -46,6 +46,7 @@ async function poll() {
   if (document.visibilityState === 'hidden') return;
   running = true;
   const full = fast;
+  const requestedAt = performance.now();
   try {
     const reply = await call(full ? 'status' : 'slowStatus', undefined, { timeout: 5000 });
     if (reply && typeof reply === 'object') {
@@ -53,6 +54,7 @@ async function poll() {
       setOnline(true);
       Object.assign(state, reply);
       state.receivedAt = performance.now();
+      state.requestedAt = requestedAt;
       state.full = full;
       if (reply.forceWebRefresh === true) emit('library-changed');
       for (const fn of subscribers) fn(state);
