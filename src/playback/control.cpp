@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/events.h"
+#include "core/files.h"
 #include "core/frontpanel.h"
 #include "core/log.h"
 #include "core/ui.h"
@@ -838,6 +839,46 @@ void setRepeatMode(int mode) {
 }
 int getRepeatMode() {
     return S().repeatMode;
+}
+
+// Repeat outlives a restart in a file of its own beside kzdb; random starts
+// off, as it always has, and the classical stop is a setting of kzsettings.
+namespace {
+constexpr const char* kRepeatWords[] = {"none", "album", "track"};
+
+std::string repeatModePath() {
+    const std::string& local = getLocalPath();
+    return local.empty() ? "" : local + "/kzplaymode";
+}
+}  // namespace
+
+void loadRepeatMode() {
+    std::string path = repeatModePath();
+    if (path.empty()) return;
+    File f(fopen(path.c_str(), "r"));
+    if (!f) return;
+    char line[64] = "";
+    if (!fgets(line, sizeof line, f.get()) || strncmp(line, "repeat ", 7) != 0) {
+        kzLog("%s not understood; repeat is off\n", path.c_str());
+        return;
+    }
+    line[strcspn(line, "\r\n")] = '\0';
+    for (int mode : {REPEAT_NONE, REPEAT_ALBUM, REPEAT_TRACK}) {
+        if (strcmp(line + 7, kRepeatWords[mode]) == 0) {
+            setRepeatMode(mode);
+            return;
+        }
+    }
+    kzLog("%s not understood; repeat is off\n", path.c_str());
+}
+
+bool saveRepeatMode() {
+    std::string path = repeatModePath();
+    if (path.empty()) return false;
+    const char* word = kRepeatWords[getRepeatMode()];
+    bool ok = writeFileAtomically(path, [word](FILE* f) { return fprintf(f, "repeat %s\n", word) > 0; });
+    if (!ok) kzLog("Cannot write %s\n", path.c_str());
+    return ok;
 }
 
 const char* playModeName() {

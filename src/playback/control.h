@@ -118,6 +118,9 @@ int getRandomMode();
 enum RepeatMode { REPEAT_NONE = 0, REPEAT_ALBUM = 1, REPEAT_TRACK = 2 };
 void setRepeatMode(int mode);
 int getRepeatMode();
+// The repeat mode kept in "kzplaymode" beside kzdb ("repeat none|album|track").
+void loadRepeatMode();
+bool saveRepeatMode();
 // "continue", "album" (the classical stop), "repeat-album", "repeat-track"
 // or "random".
 const char* playModeName();

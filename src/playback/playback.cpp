@@ -20,6 +20,7 @@ void setHighResolution(bool on) {
 
 void initPlay() {
     resetPlayback();
+    loadRepeatMode();
     setHighResolution(getHires() != 0);
     punchBuffer();
     if (isHighResolution()) kzLog("High resolution output: 32-bit 96000 Hz\n");

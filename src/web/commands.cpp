@@ -1079,6 +1079,7 @@ void webSetPlayMode(const Request& r) {
                                                           : REPEAT_NONE);
         int row = findSettingRow("Classical");
         if (row >= 0) setSettingValue(row, strcmp(mode, "album") == 0);
+        saveRepeatMode();
         kzLog("Play mode %s\n", mode);
     }
     r.reply->text = keep(std::string("{\"playMode\":\"") + playModeName() + "\"}");

@@ -165,4 +165,18 @@ def test_play_modes_at_an_albums_end(daemon, tmp_path):
     assert json.loads(p.api("setPlayMode&mode=bogus")) == {"playMode": "repeat-track"}
     assert json.loads(p.api("setPlayMode&mode=random")) == {"playMode": "random"}
     assert p.status()["random"] == "1"
+
+    # Repeat outlives a restart; random starts off, as it always has; a
+    # damaged record of the mode is logged and leaves repeat off.
+    root, kept = tmp_path / "root", tmp_path / "root" / "media" / "hdd1" / "kzplaymode"
+    for chosen, after in [("repeat-album", "repeat-album"), ("random", "continue"),
+                          ("repeat-track", "repeat-track"), (None, "continue")]:
+        if chosen:
+            p.api(f"setPlayMode&mode={chosen}")
+        else:
+            kept.write_text("repeat forever\n")
+        assert p.d.stop() == 0
+        p = Playing(daemon, root, tmp_path / "out2.raw", library=True)
+        assert p.status()["playMode"] == after, (chosen, after)
+    assert p.d.wait_for("kzplaymode not understood; repeat is off")
     assert p.d.stop() == 0
