@@ -41,7 +41,6 @@ void dumpEthernetAddress() {}
 void startUdp() {}
 void startSambaInBackground() {}
 
-void startSonos() {}
 void setDLNA(int) {}
 void initBluetooth() {}
 void ytInit() {}

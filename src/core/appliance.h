@@ -47,8 +47,8 @@ void dumpEthernetAddress();
 void startUdp();
 void startSambaInBackground();
 
-// Sonos, Bluetooth, video, streaming receiver.
-void startSonos();
+// Bluetooth, video, streaming receiver (the networked speakers are in
+// sonos/zones.h).
 // The DLNA media server on or off.
 void setDLNA(int on);
 void initBluetooth();

@@ -28,6 +28,7 @@
 #include "radio/radio.h"
 #include "ripping/compress.h"
 #include "ripping/ripper.h"
+#include "sonos/zones.h"
 #include "web/web.h"
 
 namespace {

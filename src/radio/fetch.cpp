@@ -9,7 +9,7 @@
 #include <memory>
 #include <mutex>
 
-#include "ripping/http.h"
+#include "core/http.h"
 
 namespace {
 

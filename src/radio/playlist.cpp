@@ -220,59 +220,6 @@ const char* playlistKindName(PlaylistKind kind) {
     }
 }
 
-bool isHttpUrl(const std::string& url) {
-    return startsNoCase(url, "http://") || startsNoCase(url, "https://");
-}
-
-std::string resolveUrl(const std::string& base, const std::string& ref) {
-    if (ref.empty()) return ref;
-    // Anything with a scheme of its own stands alone (and is then judged).
-    size_t colon = ref.find(':');
-    if (colon != std::string::npos && ref.find_first_of("/?#") > colon) {
-        bool scheme = isalpha(static_cast<unsigned char>(ref[0]));
-        for (size_t i = 0; i < colon && scheme; i++)
-            scheme = isalnum(static_cast<unsigned char>(ref[i])) || strchr("+-.", ref[i]);
-        if (scheme) return ref;
-    }
-    size_t schemeEnd = base.find("://");
-    if (schemeEnd == std::string::npos) return ref;
-    if (ref.compare(0, 2, "//") == 0) return base.substr(0, schemeEnd + 1) + ref;
-    size_t hostEnd = base.find_first_of("/?#", schemeEnd + 3);
-    std::string origin = base.substr(0, hostEnd);
-    if (ref[0] == '/') return origin + ref;
-    std::string path = hostEnd == std::string::npos
-                           ? "/"
-                           : base.substr(hostEnd, base.find_first_of("?#", hostEnd) - hostEnd);
-    if (ref[0] == '?') return origin + path + ref;
-    path = path.substr(0, path.rfind('/') + 1);
-    std::string joined = path + ref;
-    // Fold "./" and "../" so that the same segment is always the same address.
-    std::vector<std::string> parts;
-    size_t queryAt = joined.find_first_of("?#");
-    std::string query = queryAt == std::string::npos ? "" : joined.substr(queryAt);
-    std::string walk = joined.substr(0, queryAt);
-    size_t at = 1;
-    while (at <= walk.size()) {
-        size_t slash = walk.find('/', at);
-        if (slash == std::string::npos) slash = walk.size();
-        std::string part = walk.substr(at, slash - at);
-        bool last = slash == walk.size();
-        if (part == "..") {
-            if (!parts.empty()) parts.pop_back();
-            if (last) parts.push_back("");
-        } else if (part == ".") {
-            if (last) parts.push_back("");
-        } else {
-            parts.push_back(part);
-        }
-        at = slash + 1;
-    }
-    std::string out = origin;
-    for (const std::string& p : parts)
-        out += "/" + p;
-    if (parts.empty()) out += "/";
-    return out + query;
-}
 
 PlaylistKind sniffPlaylist(const std::string& contentType, const std::string& url, const char* head,
                            size_t length) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "core/http.h"
+
 enum class PlaylistKind { None, Pls, M3u, HlsMaster, HlsMedia, Asx, Xspf };
 
 const char* playlistKindName(PlaylistKind kind);
@@ -17,9 +19,6 @@ const char* playlistKindName(PlaylistKind kind);
 PlaylistKind sniffPlaylist(const std::string& contentType, const std::string& url, const char* head,
                            size_t length);
 
-// ref taken relative to base ("http://h/a/b.pls" + "c.mp3" = "http://h/a/c.mp3").
-std::string resolveUrl(const std::string& base, const std::string& ref);
-bool isHttpUrl(const std::string& url);
 
 // The stream addresses of a .pls, .m3u, .asx or .xspf, in order.
 std::vector<std::string> parsePlaylist(PlaylistKind kind, const std::string& text,

@@ -21,7 +21,7 @@
 #include "core/log.h"
 #include "library/library.h"
 #include "ripping/cdrom.h"
-#include "ripping/http.h"
+#include "core/http.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include <thread>
 
 #include "core/log.h"
-#include "ripping/http.h"
+#include "core/http.h"
 #include "ripping/lookup.h"
 
 namespace {

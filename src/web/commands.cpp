@@ -37,6 +37,7 @@
 #include "ripping/compress.h"
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
+#include "sonos/zones.h"
 #include "web/params.h"
 #include "web/status.h"
 #include "web/web.h"
@@ -140,19 +141,24 @@ void playByKind(int id) {
     addEvent(80);
 }
 
-// "&sonos=N" (N not 0) asks for a networked zone; until zones exist the
-// local player must not act in its place.
-bool forSonosZone(const Request& r, const char* command) {
+// "&sonos=N" (N not 0) names networked zone N-1; -1 when the command is
+// for this box, which is then the zone in use.
+int sonosZoneOf(const Request& r) {
     const char* v = findParameter(r.uri, "&sonos=");
-    if (!v || toInt(v) == 0) return false;
-    kzLog("%s for Sonos zone %d ignored: Sonos not built\n", command, toInt(v));
-    return true;
+    if (!v || toInt(v) == 0) {
+        sonosUseBox();
+        return -1;
+    }
+    return toInt(v) - 1;
 }
 
 void webPlay(const Request& r) {
-    if (forSonosZone(r, "playID")) return;
+    int zone = sonosZoneOf(r);
     int id = getIdParameter(r.uri);
-    if (id >= 0) playByKind(id);
+    if (zone >= 0)
+        sonosPlayId(zone, id);
+    else if (id >= 0)
+        playByKind(id);
 }
 
 void webSetCompression(const Request& r) {
@@ -568,17 +574,26 @@ void webkTubeDebug(const Request& r) {
 }
 
 void webBack(const Request& r) {
-    if (forSonosZone(r, "back")) return;
+    if (int zone = sonosZoneOf(r); zone >= 0) {
+        sonosKey(zone, ZoneKey::Back);
+        return;
+    }
     wakeAndAddEvent(88);
 }
 void webPlayKey(const Request& r) {
-    if (forSonosZone(r, "play")) return;
+    if (int zone = sonosZoneOf(r); zone >= 0) {
+        sonosKey(zone, ZoneKey::PlayStop);
+        return;
+    }
     kzLog("web Play key\n");
     kzLog("Web Play Key\n");
     wakeAndAddEvent(89);
 }
 void webNext(const Request& r) {
-    if (forSonosZone(r, "next")) return;
+    if (int zone = sonosZoneOf(r); zone >= 0) {
+        sonosKey(zone, ZoneKey::Next);
+        return;
+    }
     wakeAndAddEvent(90);
 }
 void webEject(const Request&) {
@@ -586,9 +601,14 @@ void webEject(const Request&) {
 }
 
 void webVol(const Request& r) {
-    if (forSonosZone(r, "vol")) return;
+    int zone = sonosZoneOf(r);
     if (*r.after < '0' || *r.after > '9') return;
-    setVolume(clampInt(toInt(r.after), 0, 64), 0);
+    int volume = clampInt(toInt(r.after), 0, 64);
+    // The pages' scale is 0-64, a renderer's 0-100.
+    if (zone >= 0)
+        sonosVolume(zone, (100 * volume + 32) / 64);
+    else
+        setVolume(volume, 0);
 }
 
 void webStatus(const Request& r, bool full) {
@@ -687,7 +707,12 @@ void webQueueID(const Request& r) {
     const char* p = r.after;
     int id = 0;
     r.reply->text = "[]";
-    if (forSonosZone(r, "queueID") || !getNumericParameter(&p, "&id=", &id)) return;
+    int zone = sonosZoneOf(r);
+    if (!getNumericParameter(&p, "&id=", &id)) return;
+    if (zone >= 0) {
+        if (sonosQueueId(zone, id)) r.reply->text = "\"OK\"";
+        return;
+    }
     lockQueue();
     int queue = getQueuePlaylist();
     std::vector<int> waiting = getPlaylistEntries(queue);
@@ -706,12 +731,16 @@ void webQueueID(const Request& r) {
 }
 
 void webStartPlaylist(const Request& r) {
-    if (forSonosZone(r, "startPlaylist")) return;
+    int zone = sonosZoneOf(r);
     const char* v = findParameter(r.uri, "&playlist=");
     if (!v) return;
     int playlist = playlistIndex(toInt(v));
     int from = 0;
     if ((v = findParameter(r.uri, "&id="))) from = toInt(v);
+    if (zone >= 0) {
+        sonosPlayPlaylist(zone, playlist, from);
+        return;
+    }
     lockQueue();
     playPlaylist(playlist, from);
     unlockQueue();
@@ -1258,6 +1287,18 @@ void webTransport(const Request& r) {
 
 // The parts these commands drive (radio, photos, Bluetooth, Sonos, video,
 // recording, ...) are not built: an empty list, and nothing changes.
+void webScanSonos(const Request& r) {
+    scanSonos();
+    r.reply->text = "\"OK\"";
+}
+void webResetSonos(const Request& r) {
+    resetSonos();
+    r.reply->text = "\"OK\"";
+}
+void webSonosStatus(const Request& r) {
+    r.reply->text = keep(sonosZonesJson());
+}
+
 void webNotBuilt(const Request& r) {
     kzInfo("web command of a part not built: %s\n", r.from);
     r.reply->text = "[]";
@@ -1385,9 +1426,9 @@ const Command commands[] = {
     {"getVideoThumbnail", webNotBuilt},
     {"getEQ", webNotBuilt},
     {"setEQ", webNotBuilt},
-    {"scanSonos", webNotBuilt},
-    {"resetSonos", webNotBuilt},
-    {"sonosStatus", webNotBuilt},
+    {"scanSonos", webScanSonos},
+    {"resetSonos", webResetSonos},
+    {"sonosStatus", webSonosStatus},
     {"startRecording", webStartRecording},
     {"stopRecording", webStopRecording},
     {"recordingLimit", webRecordingLimit},

@@ -20,6 +20,7 @@
 #include "ripping/compress.h"
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
+#include "sonos/zones.h"
 #include "web/web.h"
 
 namespace {
@@ -233,8 +234,20 @@ std::string getWebStatusCore(bool full) {
     add(out, ",\"DLNA\":\"%d\"", getDLNASetting());
     addText(out, "breadcrumbs", "");
     addText(out, "alert", getWebAlert().c_str());
-    addText(out, "zone", "");
-    out += ",\"sonos\":[],\"sonosActive\":[]";
+    addText(out, "zone", sonosZoneInUse().c_str());
+    std::vector<ZoneView> zones = sonosZones();
+    out += ",\"sonos\":[";
+    for (size_t i = 0; i < zones.size(); i++) {
+        out += i ? ",\"" : "\"";
+        appendJsonText(out, zones[i].name.c_str());
+        out += "\"";
+    }
+    out += "],\"sonosActive\":[";
+    for (size_t i = 0; i < zones.size(); i++) {
+        out += i ? "," : "";
+        out += zones[i].active ? "true" : "false";
+    }
+    out += "]";
     if (full) out += ",\"vu\":[0,0,0,0,0,0,0,0,0,0]";
     addText(out, "lookup", cd == CD_READY ? lookupState().c_str() : "");
     out += isPaused() ? ",\"paused\":true" : ",\"paused\":false";
@@ -246,6 +259,8 @@ std::string getWebStatusCore(bool full) {
     // Unlike forceWebRefresh (once, to whichever page asks first), a count
     // every open page can compare with what it showed.
     add(out, ",\"changes\":%d", static_cast<long>(libraryGeneration()) + playlistsGeneration());
+    // Each networked zone's state, volume and track, for the zone picker.
+    out += ",\"zones\":" + sonosZonesJson();
     out += "}";
     return out;
 }
