@@ -83,6 +83,8 @@ struct Zones {
     std::string lastSearchProblem;
 };
 
+std::string webServerSetting(const char* name);
+
 Zones& Z() {
     // Never destroyed: the thread may outlive the end of main.
     static Zones& z = *new Zones;
@@ -192,8 +194,50 @@ std::vector<SsdpReply> search() {
     return found;
 }
 
-void discover() {
-    std::vector<SsdpReply> replies = search();
+// Renderers announce themselves when they start and now and then after:
+// listening catches one that came up after the last search. Without the
+// port (another program holds it alone) the searches still find them.
+int openAnnouncements() {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -1;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(1900);
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    ip_mreq group{};
+    inet_pton(AF_INET, "239.255.255.250", &group.imr_multiaddr);
+    group.imr_interface.s_addr = htonl(INADDR_ANY);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0 ||
+        setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
+        kzLog("UPnP: not listening for announcements: %s\n", strerror(errno));
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The announcements of renderers kz does not know yet.
+std::vector<SsdpReply> announcements(int fd) {
+    std::vector<SsdpReply> found;
+    char buffer[2048];
+    for (int i = 0; fd >= 0 && i < 64; i++) {
+        ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        SsdpReply r;
+        if (!parseSsdpReply(std::string_view(buffer, static_cast<size_t>(n)), r)) continue;
+        if (r.st != kMediaRendererType && r.st != kZonePlayerType) continue;
+        std::lock_guard<std::mutex> g(Z().m);
+        bool known = false;
+        for (const Zone& z : Z().zones)
+            known = known || (z.location == r.location && z.reachable);
+        if (!known) found.push_back(r);
+    }
+    return found;
+}
+
+void describe(const std::vector<SsdpReply>& replies) {
     std::set<std::string> seen;
     for (const SsdpReply& r : replies) {
         if (!seen.insert(r.location).second) continue;
@@ -246,7 +290,11 @@ void sendEntry(const std::string& key, int index) {
         location = z->location;
         name = z->name;
     }
-    std::string self = localAddressFor(urlHost(location));
+    // A web server bound to one address is reached there and nowhere else.
+    std::string self = webServerSetting("server.bind");
+    in_addr bound{};
+    if (inet_pton(AF_INET, self.c_str(), &bound) != 1 || bound.s_addr == htonl(INADDR_ANY))
+        self = localAddressFor(urlHost(location));
     if (self.empty()) {
         kzLog("UPnP zone %s: no address of this box on its way\n", name.c_str());
         return;
@@ -372,6 +420,10 @@ void pollZone(const std::string& key) {
 }
 
 void zonesThread() {
+    int listener = openAnnouncements();
+    // Soon again after the start, when renderers and kz come up together.
+    const std::chrono::seconds early[] = {std::chrono::seconds(5), std::chrono::seconds(15), std::chrono::seconds(60)};
+    size_t searches = 0;
     auto nextSearch = Clock::now();
     for (;;) {
         std::function<void()> job;
@@ -400,11 +452,13 @@ void zonesThread() {
                     if (Clock::now() >= z.nextPoll) due.push_back(z.key);
             }
         }
+        if (std::vector<SsdpReply> heard = announcements(listener); !heard.empty()) describe(heard);
         if (job) {
             job();
         } else if (searching) {
-            discover();
-            nextSearch = Clock::now() + kSearchEvery;
+            describe(search());
+            nextSearch = Clock::now() + (searches < std::size(early) ? early[searches] : kSearchEvery);
+            searches++;
         } else {
             for (const std::string& key : due) pollZone(key);
         }
@@ -489,18 +543,31 @@ std::vector<Entry> entriesOf(int id, bool trackAlone = false) {
 
 }  // namespace
 
-int webServerPort() {
+namespace {
+
+// The value of "name = value" in the web server's configuration, quotes
+// and spaces taken off; "" when it is not set.
+std::string webServerSetting(const char* name) {
     std::ifstream conf(hostPath("/etc/lighttpd/lighttpd.conf"));
     std::string line;
+    const size_t length = strlen(name);
     while (std::getline(conf, line)) {
         size_t p = line.find_first_not_of(" \t");
-        if (p == std::string::npos || line.compare(p, 11, "server.port") != 0) continue;
-        p = line.find('=', p);
-        if (p == std::string::npos) continue;
-        int port = atoi(line.c_str() + p + 1);
-        if (port > 0 && port < 65536) return port;
+        if (p == std::string::npos || line.compare(p, length, name) != 0) continue;
+        p = line.find_first_not_of(" \t", p + length);
+        if (p == std::string::npos || line[p] != '=') continue;
+        std::string value = line.substr(p + 1);
+        size_t a = value.find_first_not_of(" \t\""), b = value.find_last_not_of(" \t\"\r");
+        return a == std::string::npos ? "" : value.substr(a, b - a + 1);
     }
-    return 80;
+    return "";
+}
+
+}  // namespace
+
+int webServerPort() {
+    int port = atoi(webServerSetting("server.port").c_str());
+    return port > 0 && port < 65536 ? port : 80;
 }
 
 void startSonos() {

@@ -1,0 +1,195 @@
+"""Networked zones: a real UPnP AV renderer (gmediarender) found over SSDP
+and driven over SOAP, fetching kz's tracks through lighttpd. Everything runs
+in a network namespace the test makes: a veth pair between 10.77.0.1 (kz and
+lighttpd) and 10.77.0.2 (the renderer), nothing leaves the machine."""
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+import webstack
+from client import Client
+from kzdaemon import KZ_BIN
+
+KZ_ADDR, RENDERER_ADDR = "10.77.0.1", "10.77.0.2"
+NAME = 'Kitchen <&> "Room"'
+AVT = "urn:schemas-upnp-org:service:AVTransport:1"
+RC = "urn:schemas-upnp-org:service:RenderingControl:1"
+
+NETNS_SETUP = r"""
+set -e
+ip link set lo up
+ip link add eth0 type veth peer name eth1
+ip addr add 10.77.0.1/24 dev eth0
+ip addr add 10.77.0.2/24 dev eth1
+ip link set eth0 up
+ip link set eth1 up
+ip route add 224.0.0.0/4 dev eth0
+ip route add default dev eth0
+for i in all default eth0 eth1; do
+  echo 1 > /proc/sys/net/ipv4/conf/$i/accept_local
+  echo 0 > /proc/sys/net/ipv4/conf/$i/rp_filter
+done
+for i in all default; do echo 0 > /proc/sys/net/ipv6/conf/$i/accept_dad; done
+echo ready
+exec sleep 100000
+"""
+
+
+class Netns:
+    """A network namespace held open by a sleeping process."""
+
+    def __init__(self):
+        self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", NETNS_SETUP], stdout=subprocess.PIPE,
+                                       stderr=subprocess.PIPE, text=True)
+        line = self.holder.stdout.readline()
+        if line.strip() != "ready":
+            self.holder.kill()
+            pytest.skip("no network namespace with a veth pair here: " + self.holder.stderr.read())
+
+    def prefix(self):
+        return ["nsenter", "-t", str(self.holder.pid), "-n"]
+
+    def run(self, *argv, **kw):
+        return subprocess.run(self.prefix() + list(argv), capture_output=True, text=True, **kw)
+
+    def close(self):
+        self.holder.kill()
+        self.holder.wait()
+
+
+def soap(ns, url, service, action, args=""):
+    body = (f'<?xml version="1.0"?><s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
+            f's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"><s:Body>'
+            f'<u:{action} xmlns:u="{service}"><InstanceID>0</InstanceID>{args}</u:{action}></s:Body></s:Envelope>')
+    out = ns.run("curl", "-s", "-m", "5", "-H", 'Content-Type: text/xml; charset="utf-8"',
+                 "-H", f'SOAPACTION: "{service}#{action}"', "--data-binary", body, url).stdout
+    return dict(re.findall(r"<(\w+)>([^<]*)</\1>", out))
+
+
+def tone(path, freq, seconds):
+    subprocess.run(["/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                    f"sine=frequency={freq}:sample_rate=44100:duration={seconds}", "-ac", "2", str(path)],
+                   check=True)
+
+
+@pytest.fixture
+def stack(daemon, tmp_path):
+    for tool in ("gmediarender", "lighttpd", "nsenter", "unshare", "curl"):
+        if not shutil.which(tool):
+            pytest.skip(f"{tool} is not installed")
+    ns = Netns()
+    renderer = None
+    root = tmp_path / "root"
+    try:
+        album = root / "media" / "hdd1" / "music" / "Zone Artist" / "Far & Away"
+        album.mkdir(parents=True)
+        tone(album / "01 First # Song.wav", 440, 3)
+        tone(album / "02 Second.wav", 660, 3)
+        tone(album / "03 Third.wav", 880, 30)
+        port = webstack.free_port()
+        subprocess.run([os.path.join(webstack.TOP, "scripts", "install-web"), str(root),
+                        os.path.join(webstack.TOP, "www"), KZ_ADDR, str(port)], check=True)
+        # The served files, as lighttpd saw them.
+        with open(root / "etc" / "lighttpd" / "lighttpd.conf", "a") as conf:
+            conf.write(f'server.modules += ( "mod_accesslog" )\n'
+                       f'accesslog.filename = "{root}/var/log/access.log"\n')
+        renderer = subprocess.Popen(ns.prefix() + [
+            "gmediarender", "-I", "eth1", "-f", NAME, "-u", "a1b2c3d4-0000-4000-8000-000000000001",
+            "--gstout-audiopipe", "fakesink sync=true", "--logfile", str(tmp_path / "renderer.log")],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        kz = Client(daemon, root, env={"KZ_PCM": "null"}, command=ns.prefix() + [KZ_BIN])
+        kz.ns, kz.renderer, kz.port = ns, renderer, port
+        yield kz
+    finally:
+        if renderer:
+            renderer.kill()
+        webstack.stop_lighttpd(root)
+        ns.close()
+
+
+def test_a_renderer_is_found_plays_the_library_and_follows_on(stack):
+    kz = stack
+    kz.until(lambda: kz.status()["sonos"] == [NAME], 20, "the renderer to be found")
+    assert kz.status()["sonosActive"] == [False]
+    zones = kz.json("sonosStatus")
+    assert zones[0]["name"] == NAME and zones[0]["reachable"] is True
+    # Its control address, for asking it what it does.
+    found = kz.d.wait_for("UPnP zone 1: ")
+    location = found.split(" at ")[-1].strip()
+    desc = kz.ns.run("curl", "-s", location).stdout
+    control = re.search(r"<controlURL>([^<]*rendertransport[^<]*)</controlURL>", desc).group(1)
+    origin = re.match(r"http://[^/]+", location).group(0)
+    avt, rc = origin + control, origin + control.replace("transport", "control")
+
+    tracks = kz.json("search&artists=0&albums=0&radio=0&string=First")
+    assert kz.api(f"playID&id={tracks[0]['id']}&sonos=1") == "thanks\n"
+    base = f"http://{KZ_ADDR}:{kz.port}/hdd1/music/Zone%20Artist/Far%20%26%20Away/"
+    kz.until(lambda: soap(kz.ns, avt, AVT, "GetTransportInfo").get("CurrentTransportState") == "PLAYING",
+             10, "the renderer to play")
+    assert soap(kz.ns, avt, AVT, "GetPositionInfo")["TrackURI"] == base + "01%20First%20%23%20Song.wav"
+    kz.until(lambda: kz.status()["sonosActive"] == [True], 10, "the zone to show as playing")
+    assert kz.status()["zone"] == NAME
+    # The metadata went as DIDL-Lite, the name's markup escaped.
+    info = soap(kz.ns, avt, AVT, "GetMediaInfo")
+    assert "First # Song" in info.get("CurrentURIMetaData", "").replace("&amp;", "&"), info
+
+    # When the track ends, the zone plays the next one of the album.
+    kz.until(lambda: soap(kz.ns, avt, AVT, "GetPositionInfo").get("TrackURI") == base + "02%20Second.wav",
+             15, "the second track")
+    access = (kz.root / "var" / "log" / "access.log").read_text()
+    assert re.search(r'"GET /hdd1/music/Zone%20Artist/Far%20%26%20Away/01%20First%20%23%20Song.wav HTTP/1.1" 200',
+                     access), access
+    # The daemon's own files beside the music are not served.
+    got = kz.ns.run("curl", "-s", "-o", "/dev/null", "-w", "%{http_code}",
+                    f"http://{KZ_ADDR}:{kz.port}/hdd1/kzdb").stdout
+    assert got == "404"
+
+    # Volume on the pages' scale of 64: 7 is (100 * 7 + 32) / 64 = 11.
+    kz.api("vol7&sonos=1")
+    kz.until(lambda: soap(kz.ns, rc, RC, "GetVolume", "<Channel>Master</Channel>").get("CurrentVolume") == "11",
+             5, "the zone's volume")
+    kz.until(lambda: kz.json("sonosStatus")[0]["volume"] == 11, 5, "the volume in the status")
+    assert kz.status()["volume"] != "7"
+
+    # Next moves kz's list on; play stops the zone.
+    kz.api("next&sonos=1")
+    kz.until(lambda: soap(kz.ns, avt, AVT, "GetPositionInfo").get("TrackURI") == base + "03%20Third.wav",
+             10, "the third track")
+    kz.api("play&sonos=1")
+    kz.until(lambda: soap(kz.ns, avt, AVT, "GetTransportInfo").get("CurrentTransportState") == "STOPPED",
+             10, "the zone to stop")
+    time.sleep(2)
+    # A stop asked for is not the end of a track: nothing else starts.
+    assert soap(kz.ns, avt, AVT, "GetTransportInfo")["CurrentTransportState"] == "STOPPED"
+
+
+def test_bad_zones_and_a_vanished_renderer_leave_the_box_playing(stack):
+    kz = stack
+    kz.until(lambda: kz.status()["sonos"] == [NAME], 20, "the renderer to be found")
+    track = kz.json("search&artists=0&albums=0&radio=0&string=Third")[0]["id"]
+    # A zone past the list: a log line, the local player untouched.
+    kz.api(f"playID&id={track}&sonos=9")
+    kz.d.wait_for("playID for zone 9: there are 1 zones")
+    assert kz.api("queueID&id=1&sonos=5") == "[]"
+    assert kz.status()["playing"] == 0
+    kz.api(f"playID&id={track}&sonos=1")
+    kz.d.wait_for("UPnP zone " + NAME + ": playing")
+    kz.until(lambda: kz.status()["sonosActive"] == [True], 10, "the zone to play")
+    # The renderer dies mid-track: one line, the zone shows as gone, and
+    # this box plays on its own.
+    kz.renderer.send_signal(signal.SIGKILL)
+    kz.renderer.wait()
+    kz.d.wait_for("does not answer", timeout=15)
+    kz.until(lambda: kz.json("sonosStatus")[0]["reachable"] is False, 5, "the zone to show as gone")
+    assert kz.status()["sonosActive"] == [False]
+    kz.api(f"playID&id={track}")
+    kz.until(lambda: kz.status()["playing"] == 1, 10, "the box to play")
+    assert kz.status()["zone"] == ""
+    # Forgetting the zones empties the list; the search finds nobody now.
+    assert kz.api("resetSonos") == '"OK"'
+    kz.until(lambda: kz.status()["sonos"] == [], 10, "the zones to be forgotten")
