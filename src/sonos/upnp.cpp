@@ -26,8 +26,12 @@ Doc readXml(std::string_view xml) {
     static std::once_flag once;
     std::call_once(once, [] { xmlInitParser(); });
     if (xml.empty() || xml.size() > INT_MAX) return nullptr;
-    return Doc(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
-                             XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    Doc doc(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
+                          XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    // UPnP texts never declare a DTD; one that does may hide entities that
+    // grow without end when read.
+    if (doc && doc->intSubset) return nullptr;
+    return doc;
 }
 
 bool named(const xmlNode* n, const char* name) {
