@@ -12,6 +12,15 @@ export function encodeText(value) {
   return out;
 }
 
+// Where playing goes: 0 this box, N the daemon's networked zone N. Kept per
+// browser, as each person chooses the room they are in.
+export const target = { zone: Number(globalThis.localStorage?.getItem('kz-zone')) || 0 };
+export function setZone(zone) {
+  target.zone = zone;
+  globalThis.localStorage?.setItem('kz-zone', String(zone));
+}
+const ZONED = new Set(['playID', 'queueID', 'startPlaylist', 'back', 'play', 'next']);
+
 // Parameters keep their order (some commands read them in a fixed order);
 // numbers go as plain digits, everything else as free text.
 export function commandUrl(command, params = {}) {
@@ -19,6 +28,7 @@ export function commandUrl(command, params = {}) {
   for (const [name, value] of Object.entries(params)) {
     url += '&' + name + '=' + (typeof value === 'number' ? String(Math.trunc(value)) : encodeText(value));
   }
+  if (target.zone > 0 && (ZONED.has(command) || /^vol\d+$/.test(command))) url += '&sonos=' + target.zone;
   return url;
 }
 

@@ -1,6 +1,6 @@
 // The playing view: what plays, where it is in the track, the keys, volume,
 // tone and segue; and the strip that shows the same on every other view.
-import { act, artUrl, call } from './api.js';
+import { act, artUrl, call, setZone, target } from './api.js';
 import { state, subscribe, pollNow, num } from './status.js';
 import { fmtTime, splitTags, titleNodes, toast, volumePercent } from './ui.js';
 
@@ -139,6 +139,67 @@ function render(s) {
 
   $('strip-title').textContent = shown;
   $('strip-sub').textContent = radio ? s.station || '' : hasTrack(s) ? s.artist : '';
+  renderZones(s);
+}
+
+// The zone the pages play on, when it is not this box.
+function zoneOf(s) {
+  return target.zone > 0 && Array.isArray(s.zones) ? s.zones[target.zone - 1] : undefined;
+}
+
+const STATES = { PLAYING: 'playing', STOPPED: 'stopped', PAUSED_PLAYBACK: 'paused', TRANSITIONING: 'starting', NO_MEDIA_PRESENT: 'idle' };
+
+let shownZones = '';
+function renderZones(s) {
+  const names = Array.isArray(s.sonos) ? s.sonos : [];
+  // A zone forgotten by the daemon leaves the pages on this box.
+  if (target.zone > names.length) setZone(0);
+  const select = $('zone');
+  const wanted = ['This box', ...names];
+  if (select.options.length !== wanted.length || [...select.options].some((o, i) => o.textContent !== wanted[i])) {
+    select.replaceChildren(...wanted.map((name, i) => new Option(name, String(i))));
+  }
+  if (!held(select)) select.value = String(target.zone);
+  $('zone-row').hidden = names.length === 0;
+
+  const zones = Array.isArray(s.zones) ? s.zones : [];
+  const key = JSON.stringify([target.zone, zones]);
+  if (key !== shownZones) {
+    shownZones = key;
+    $('zones').hidden = zones.length === 0;
+    $('zones').replaceChildren(
+      ...zones.map((z, i) => {
+        const li = document.createElement('li');
+        li.classList.toggle('current', i + 1 === target.zone);
+        const name = document.createElement('span');
+        name.textContent = z.name;
+        const meta = document.createElement('span');
+        meta.className = 'meta';
+        meta.textContent = !z.reachable
+          ? 'not answering'
+          : [STATES[z.state] || z.state || '', z.title ? `“${z.title}”` : '', z.volume >= 0 ? `volume ${z.volume}%` : '']
+              .filter(Boolean)
+              .join(' · ');
+        li.append(name, meta);
+        return li;
+      }),
+    );
+  }
+
+  // On a zone, the keys and the volume are the zone's: play starts and stops.
+  const zone = zoneOf(s);
+  if (!zone) return;
+  for (const button of [$('btn-play'), $('strip-play')]) {
+    const label = zone.active ? 'Stop' : 'Play';
+    button.setAttribute('aria-label', label);
+    button.title = label;
+    button.querySelector('use').setAttribute('href', zone.active ? '#i-stop' : '#i-play');
+  }
+  $('btn-stop').disabled = !zone.active;
+  if (zone.volume >= 0) {
+    setValue($('volume'), Math.round((zone.volume * 64) / 100));
+    if (!held($('volume'))) $('volume-out').textContent = zone.volume + '%';
+  }
 }
 
 const signed = (v) => (Number(v) > 0 ? '+' + v : String(v));
@@ -163,7 +224,7 @@ export function init() {
   $('btn-back').addEventListener('click', () => key('back'));
   $('btn-next').addEventListener('click', () => key('next'));
   // Pause and resume when something is loaded; from a stop, play.
-  const playPause = () => key(state.playing === 1 ? 'pause' : 'play');
+  const playPause = () => key(target.zone > 0 || state.playing !== 1 ? 'play' : 'pause');
   $('btn-play').addEventListener('click', playPause);
   $('strip-play').addEventListener('click', playPause);
   $('btn-stop').addEventListener('click', () => key('play'));
@@ -189,6 +250,16 @@ export function init() {
     if (duration > 0) await act('seek', { pos: Math.min(999, Math.round((Number(seek.value) * 1000) / duration)) });
     settle(seek);
     pollNow(300);
+  });
+
+  $('zone').addEventListener('change', () => {
+    touch($('zone'));
+    setZone(Number($('zone').value));
+    settle($('zone'));
+    const name = $('zone').selectedOptions[0]?.textContent;
+    toast(target.zone > 0 ? `Playing on ${name}` : 'Playing on this box');
+    shownZones = '';
+    render(state);
   });
 
   const volume = $('volume');
