@@ -15,6 +15,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "library/settings.h"
+#include "playback/snapcast.h"
 
 namespace {
 
@@ -102,6 +103,14 @@ void outputThread(Pcm* first) {
     uint8_t* buffer = storage.get();
     auto next = std::chrono::steady_clock::now();
     for (;;) {
+        // Snapcast only: the device is let go (another program may want
+        // it) and the clock paces the output, as for a file or null device.
+        const bool local = !snapcastOnly();
+        if (!local && pcm) {
+            kzLog("Alsa device %s closed: playing to Snapcast only\n", pcmDevice().c_str());
+            pcm.reset();
+            next = std::chrono::steady_clock::now();
+        }
         if (pcm && pcm->high() != highResolution) {
             kzLog("Alsa device %s reopened for %s\n", pcmDevice().c_str(),
                   highResolution ? "32-bit 96000 Hz" : "16-bit 44100 Hz");
@@ -110,7 +119,7 @@ void outputThread(Pcm* first) {
             if (candidate->open(pcmDevice(), highResolution)) pcm = std::move(candidate);
             next = std::chrono::steady_clock::now();
         }
-        if (!pcm) {
+        if (local && !pcm) {
             // No device: try again each second, and play once one opens.
             deviceOpen = false;
             std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -120,26 +129,30 @@ void outputThread(Pcm* first) {
             pcm = std::move(candidate);
             next = std::chrono::steady_clock::now();
         }
-        deviceOpen = true;
-        const bool high = pcm->high();
+        deviceOpen = pcm != nullptr;
+        const bool high = pcm ? pcm->high() : highResolution.load();
         const int bytes = kOutputPeriodFrames * (high ? 8 : 4);
         callback(buffer, kOutputPeriodFrames);
         // Silence stays as the callback made it (the idle value must reach
         // the device unchanged); music gets volume and tone.
-        if (!isIdle(buffer, bytes)) {
+        const bool idle = isIdle(buffer, bytes);
+        if (!idle) {
             if (high)
                 toneControl().process(reinterpret_cast<int32_t*>(buffer), kOutputPeriodFrames);
             else
                 toneControl().process(reinterpret_cast<int16_t*>(buffer), kOutputPeriodFrames);
         }
-        if (!pcm->write(buffer, kOutputPeriodFrames)) {
+        // The rooms hear what the box's speakers hear, volume and tone
+        // included; the feed never blocks.
+        snapcastFeed().write(buffer, bytes, idle, high);
+        if (pcm && !pcm->write(buffer, kOutputPeriodFrames)) {
             kzLog("Alsa device %s lost\n", pcmDevice().c_str());
             pcm.reset();
             deviceOpen = false;
             continue;
         }
         periods++;
-        if (!pcm->selfPaced()) {
+        if (!pcm || !pcm->selfPaced()) {
             const auto period = std::chrono::nanoseconds(
                 1000000000LL * kOutputPeriodFrames / (high ? kHighResolutionRate : kOutputRate));
             next += period;
@@ -181,9 +194,11 @@ int outputFrameBytes() {
 int initAlsaPlayback(OutputCallback cb) {
     callback = cb;
     snd_lib_error_set_handler(alsaError);
+    // Snapcast only needs no device, and is not kept from starting by a
+    // missing one.
     auto pcm = std::make_unique<Pcm>();
-    bool ok = pcm->open(pcmDevice(), highResolution);
-    if (!ok) pcm.reset();
+    bool ok = snapcastOnly() || pcm->open(pcmDevice(), highResolution);
+    if (snapcastOnly() || !ok) pcm.reset();
     std::thread(outputThread, pcm.release()).detach();
     return ok ? 1 : 0;
 }

@@ -26,8 +26,9 @@ bool isHighResolution();
 int outputRate();
 int outputFrameBytes();
 
-// Starts the output thread. Returns 1 when the device opened; 0 when it did
-// not, in which case the thread keeps trying and plays once it can.
+// Starts the output thread. Returns 1 when the device opened (or none is
+// needed: Snapcast only); 0 when it did not, in which case the thread keeps
+// trying and plays once it can.
 int initAlsaPlayback(OutputCallback callback);
 // True while a device is open and being fed.
 bool isOutputOpen();

@@ -8,6 +8,7 @@
 #include "playback/output.h"
 #include "playback/pipe.h"
 #include "playback/smartbuffer.h"
+#include "playback/snapcast.h"
 
 namespace {
 std::atomic<bool> punchFlag{false};
@@ -21,6 +22,7 @@ void setHighResolution(bool on) {
 void initPlay() {
     resetPlayback();
     loadRepeatMode();
+    loadSnapcastMode();
     setHighResolution(getHires() != 0);
     punchBuffer();
     if (isHighResolution()) kzLog("High resolution output: 32-bit 96000 Hz\n");
