@@ -40,6 +40,8 @@ constexpr auto kSearchEvery = std::chrono::minutes(5);
 constexpr auto kPollEvery = std::chrono::seconds(1);
 constexpr auto kPollUnreachableEvery = std::chrono::seconds(15);
 constexpr int kSoapSeconds = 4;
+// A track that has not begun to play by then is given up for the next one.
+constexpr auto kStartLimit = std::chrono::seconds(15);
 // A description is a few kilobytes; anything near this is not one.
 constexpr size_t kMaxDescription = 512 * 1024;
 constexpr size_t kMaxSoapAnswer = 256 * 1024;
@@ -67,6 +69,8 @@ struct Zone {
     size_t queueEnd = 0;  // just after the last queued entry
     std::string sentUri, sentTitle;
     bool sawPlaying = false;
+    bool progressed = false;  // its clock has moved since the track was sent
+    Clock::time_point sentAt{};
     bool stoppedByUser = false;
     Clock::time_point nextPoll{};
 };
@@ -284,6 +288,8 @@ void sendEntry(const std::string& key, int index) {
         z->current = index;
         if (static_cast<size_t>(index) >= z->queueEnd) z->queueEnd = 0;
         z->sawPlaying = false;
+        z->progressed = false;
+        z->sentAt = Clock::now();
         z->stoppedByUser = false;
         e = z->list[static_cast<size_t>(index)];
         avTransport = z->avTransport;
@@ -400,9 +406,20 @@ void pollZone(const std::string& key) {
                 z->list.clear();
                 z->sentUri.clear();
                 changed = true;
-            } else if (playing) {
+            }
+            // A clock at its very start says nothing yet; one the renderer
+            // does not keep ("NOT_IMPLEMENTED") cannot tell, so it counts.
+            const std::string rel = position.ok ? position.values["RelTime"] : "";
+            if (playing && rel != "0:00:00" && rel != "00:00:00") z->progressed = true;
+            // A track it cannot fetch or decode: some renderers stop, some
+            // say PLAYING with a clock that never moves.
+            bool stuck = z->current >= 0 && !z->progressed && !z->stoppedByUser &&
+                         Clock::now() - z->sentAt > kStartLimit;
+            if (stuck) kzLog("UPnP zone %s did not start %s; going on\n", name.c_str(), z->sentTitle.c_str());
+            if (z->current < 0) {
+            } else if (playing && !stuck) {
                 z->sawPlaying = true;
-            } else if (ended && z->sawPlaying && !z->stoppedByUser) {
+            } else if ((ended && z->sawPlaying && !z->stoppedByUser) || stuck) {
                 if (z->current + 1 < static_cast<int>(z->list.size())) {
                     advanceTo = z->current + 1;
                 } else {
