@@ -754,6 +754,17 @@ bool sonosKey(int zone, ZoneKey keyPressed) {
             }
         }
         if (keyPressed == ZoneKey::PlayStop) {
+            // Asked now: the last poll may be older than the last command.
+            std::string avTransport;
+            {
+                std::lock_guard<std::mutex> g(Z().m);
+                if (Zone* z = byKey(key)) avTransport = z->avTransport;
+            }
+            SoapAnswer now = soap(avTransport, kAVTransportType, "GetTransportInfo", {{"InstanceID", "0"}});
+            if (now.ok) {
+                const std::string& state = now.values["CurrentTransportState"];
+                playing = state == "PLAYING" || state == "TRANSITIONING";
+            }
             if (playing) {
                 {
                     std::lock_guard<std::mutex> g(Z().m);

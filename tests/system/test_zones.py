@@ -14,61 +14,9 @@ import pytest
 import webstack
 from client import Client
 from kzdaemon import KZ_BIN
+from netns import AVT, KZ_ADDR, RC, Netns, soap, start_renderer
 
-KZ_ADDR, RENDERER_ADDR = "10.77.0.1", "10.77.0.2"
 NAME = 'Kitchen <&> "Room"'
-AVT = "urn:schemas-upnp-org:service:AVTransport:1"
-RC = "urn:schemas-upnp-org:service:RenderingControl:1"
-
-NETNS_SETUP = r"""
-set -e
-ip link set lo up
-ip link add eth0 type veth peer name eth1
-ip addr add 10.77.0.1/24 dev eth0
-ip addr add 10.77.0.2/24 dev eth1
-ip link set eth0 up
-ip link set eth1 up
-ip route add 224.0.0.0/4 dev eth0
-ip route add default dev eth0
-for i in all default eth0 eth1; do
-  echo 1 > /proc/sys/net/ipv4/conf/$i/accept_local
-  echo 0 > /proc/sys/net/ipv4/conf/$i/rp_filter
-done
-for i in all default; do echo 0 > /proc/sys/net/ipv6/conf/$i/accept_dad; done
-echo ready
-exec sleep 100000
-"""
-
-
-class Netns:
-    """A network namespace held open by a sleeping process."""
-
-    def __init__(self):
-        self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", NETNS_SETUP], stdout=subprocess.PIPE,
-                                       stderr=subprocess.PIPE, text=True)
-        line = self.holder.stdout.readline()
-        if line.strip() != "ready":
-            self.holder.kill()
-            pytest.skip("no network namespace with a veth pair here: " + self.holder.stderr.read())
-
-    def prefix(self):
-        return ["nsenter", "-t", str(self.holder.pid), "-n"]
-
-    def run(self, *argv, **kw):
-        return subprocess.run(self.prefix() + list(argv), capture_output=True, text=True, **kw)
-
-    def close(self):
-        self.holder.kill()
-        self.holder.wait()
-
-
-def soap(ns, url, service, action, args=""):
-    body = (f'<?xml version="1.0"?><s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
-            f's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"><s:Body>'
-            f'<u:{action} xmlns:u="{service}"><InstanceID>0</InstanceID>{args}</u:{action}></s:Body></s:Envelope>')
-    out = ns.run("curl", "-s", "-m", "5", "-H", 'Content-Type: text/xml; charset="utf-8"',
-                 "-H", f'SOAPACTION: "{service}#{action}"', "--data-binary", body, url).stdout
-    return dict(re.findall(r"<(\w+)>([^<]*)</\1>", out))
 
 
 def tone(path, freq, seconds):
@@ -83,6 +31,8 @@ def stack(daemon, tmp_path):
         if not shutil.which(tool):
             pytest.skip(f"{tool} is not installed")
     ns = Netns()
+    if not ns.ready:
+        pytest.skip("no network namespace with a veth pair here: " + ns.why)
     renderer = None
     root = tmp_path / "root"
     try:
@@ -98,10 +48,7 @@ def stack(daemon, tmp_path):
         with open(root / "etc" / "lighttpd" / "lighttpd.conf", "a") as conf:
             conf.write(f'server.modules += ( "mod_accesslog" )\n'
                        f'accesslog.filename = "{root}/var/log/access.log"\n')
-        renderer = subprocess.Popen(ns.prefix() + [
-            "gmediarender", "-I", "eth1", "-f", NAME, "-u", "a1b2c3d4-0000-4000-8000-000000000001",
-            "--gstout-audiopipe", "fakesink sync=true", "--logfile", str(tmp_path / "renderer.log")],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        renderer = start_renderer(ns, NAME, tmp_path / "renderer.log")
         kz = Client(daemon, root, env={"KZ_PCM": "null"}, command=ns.prefix() + [KZ_BIN])
         kz.ns, kz.renderer, kz.port = ns, renderer, port
         yield kz
