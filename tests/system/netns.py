@@ -1,6 +1,7 @@
 """A private network for tests of what crosses one: a namespace with a veth
 pair between 10.77.0.1 (kz) and 10.77.0.2 (its peers), multicast routed
 over it, nothing leaving the machine; and SOAP asked of a peer inside it."""
+import os
 import re
 import subprocess
 
@@ -8,24 +9,7 @@ KZ_ADDR, PEER_ADDR = "10.77.0.1", "10.77.0.2"
 AVT = "urn:schemas-upnp-org:service:AVTransport:1"
 RC = "urn:schemas-upnp-org:service:RenderingControl:1"
 
-NETNS_SETUP = r"""
-set -e
-ip link set lo up
-ip link add eth0 type veth peer name eth1
-ip addr add 10.77.0.1/24 dev eth0
-ip addr add 10.77.0.2/24 dev eth1
-ip link set eth0 up
-ip link set eth1 up
-ip route add 224.0.0.0/4 dev eth0
-ip route add default dev eth0
-for i in all default eth0 eth1; do
-  echo 1 > /proc/sys/net/ipv4/conf/$i/accept_local
-  echo 0 > /proc/sys/net/ipv4/conf/$i/rp_filter
-done
-for i in all default; do echo 0 > /proc/sys/net/ipv6/conf/$i/accept_dad; done
-echo ready
-exec sleep 100000
-"""
+SETUP = os.path.join(os.path.dirname(__file__), "..", "in-netns.sh")
 
 
 class Netns:
@@ -33,8 +17,8 @@ class Netns:
     whether it could be made (as root, with veth), why says why not."""
 
     def __init__(self):
-        self.holder = subprocess.Popen(["unshare", "-n", "sh", "-c", NETNS_SETUP], stdout=subprocess.PIPE,
-                                       stderr=subprocess.PIPE, text=True)
+        self.holder = subprocess.Popen(["unshare", "-n", "sh", SETUP, "sh", "-c", "echo ready; exec sleep 100000"],
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.ready = self.holder.stdout.readline().strip() == "ready"
         self.why = ""
         if not self.ready:
