@@ -619,7 +619,13 @@ std::vector<ZoneView> sonosZones() {
         v.state = z.state;
         v.volume = z.volume;
         v.uri = z.uri;
-        if (z.current >= 0 && z.uri == z.sentUri) v.title = z.sentTitle;
+        if (z.current >= 0 && z.uri == z.sentUri && static_cast<size_t>(z.current) < z.list.size()) {
+            const Entry& e = z.list[static_cast<size_t>(z.current)];
+            v.title = e.title;
+            v.artist = e.artist;
+            v.album = e.album;
+            v.albumId = e.albumId;
+        }
         out.push_back(std::move(v));
     }
     return out;
@@ -649,7 +655,11 @@ std::string sonosZonesJson() {
         appendJsonText(out, v.state.c_str());
         out += "\",\"volume\":" + std::to_string(v.volume) + ",\"title\":\"";
         appendJsonText(out, v.title.c_str());
-        out += "\",\"uri\":\"";
+        out += "\",\"artist\":\"";
+        appendJsonText(out, v.artist.c_str());
+        out += "\",\"album\":\"";
+        appendJsonText(out, v.album.c_str());
+        out += "\",\"albumid\":" + std::to_string(v.albumId) + ",\"uri\":\"";
         appendJsonText(out, v.uri.c_str());
         out += "\"}";
     }

@@ -15,6 +15,8 @@ struct ZoneView {
     std::string state;        // the renderer's transport state
     int volume = -1;          // 0..100, -1 unknown
     std::string title;        // what kz sent it, when it plays kz's list
+    std::string artist, album;
+    int albumId = -1;
     std::string uri;          // the address it plays
 };
 

@@ -55,6 +55,16 @@ function throttled(send, ms) {
 
 const hasTrack = (s) => s.track && s.track !== 'empty';
 
+// A room's place in its track is not followed: no seeking there.
+function clearTimes() {
+  const seek = $('seek');
+  seek.max = '0';
+  seek.value = '0';
+  seek.disabled = true;
+  $('elapsed').textContent = '';
+  $('remaining').textContent = '';
+}
+
 function renderTimes(s) {
   const seek = $('seek');
   const duration = num('duration');
@@ -73,8 +83,29 @@ function renderTimes(s) {
   seek.setAttribute('aria-valuetext', known ? `${fmtTime(shown)} of ${fmtTime(duration)}` : fmtTime(shown));
 }
 
+// On a zone, the view shows what the room plays, as far as kz knows it.
+function viewOf(s) {
+  const zone = zoneOf(s);
+  if (!zone) return s;
+  const title = zone.title || (zone.reachable ? '' : 'Not answering');
+  return {
+    ...s,
+    source: zone.name,
+    playlist: '',
+    track: title || 'empty',
+    artist: zone.artist,
+    album: zone.album,
+    albumid: zone.albumid >= 0 ? zone.albumid : undefined,
+    artistid: undefined,
+    playing: zone.active ? 1 : 0,
+    paused: false,
+    zone,
+  };
+}
+
 let lastAlbum;
-function render(s) {
+function render(status) {
+  const s = viewOf(status);
   const playing = s.playing === 1 || s.playing === '1';
   const title = hasTrack(s) ? s.track : 'Nothing to play';
   const shown = splitTags(title).title;
@@ -104,6 +135,10 @@ function render(s) {
       if (logo) img.src = logo;
       else img.removeAttribute('src');
     }
+  } else if (s.zone && !s.albumid && lastAlbum !== undefined) {
+    // A room playing something of its own: no cover of ours.
+    lastAlbum = undefined;
+    for (const img of [$('now-art'), $('strip-art')]) img.hidden = true;
   } else if (!radio && s.albumid && s.albumid !== lastAlbum) {
     lastAlbum = s.albumid;
     for (const img of [$('now-art'), $('strip-art')]) {
@@ -125,7 +160,8 @@ function render(s) {
   if (!held($('playmode')) && s.playMode) $('playmode').value = s.playMode;
   document.body.classList.toggle('is-playing', playing);
 
-  if (s.full) renderTimes(s);
+  if (s.zone) clearTimes();
+  else if (s.full) renderTimes(s);
   setValue($('volume'), num('volume'));
   const volume = held($('volume')) ? $('volume').value : num('volume');
   $('volume-out').textContent = volumePercent(volume);
@@ -139,7 +175,7 @@ function render(s) {
 
   $('strip-title').textContent = shown;
   $('strip-sub').textContent = radio ? s.station || '' : hasTrack(s) ? s.artist : '';
-  renderZones(s);
+  renderZones(status);
 }
 
 // The zone the pages play on, when it is not this box.
@@ -218,7 +254,7 @@ export function init() {
   subscribe(render);
   // The position moves on every second even between slow replies.
   setInterval(() => {
-    if (state.full && document.visibilityState === 'visible') renderTimes(state);
+    if (state.full && !zoneOf(state) && document.visibilityState === 'visible') renderTimes(state);
   }, 1000);
 
   $('btn-back').addEventListener('click', () => key('back'));
