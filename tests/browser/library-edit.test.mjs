@@ -1,9 +1,10 @@
 // Editing the library from the pages (rename, move, delete, with the
-// results read back), pages for what is not there, and the longest names
-// without a space on a 320-pixel phone.
+// results read back), pages for what is not there, the longest names
+// without a space on a 320-pixel phone, and the album grid of a library too
+// big to keep in the page at once.
 import { describe, it, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync } from 'node:fs';
+import { existsSync, mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { Stack, TOP, makeTone } from './stack.mjs';
 import { launch, layoutProblems, DESKTOP } from './browser.mjs';
@@ -164,6 +165,99 @@ describe('editing the library', () => {
     await page.screenshot({ path: join(SHOTS, 'long-names-320.png'), fullPage: true });
     await page.setViewportSize(DESKTOP);
     assert.deepEqual(await layoutProblems(page), []);
+    assert.deepEqual(errors, []);
+  });
+});
+
+describe('the album grid of a big library', () => {
+  const ALBUMS = 400;
+  let stack;
+  let browser;
+  let page;
+  const errors = [];
+
+  before(async () => {
+    stack = await Stack.start({
+      discTracks: [4],
+      prepare: (music) => {
+        for (let i = 0; i < ALBUMS; i++) {
+          const folder = join(music, `Artist ${String(Math.floor(i / 10)).padStart(3, '0')}`, `Album ${String(i).padStart(3, '0')}`);
+          mkdirSync(folder, { recursive: true });
+          writeFileSync(join(folder, '01 Track.mp3'), '');
+        }
+      },
+    });
+    browser = await launch();
+    page = await browser.newPage({ viewport: NARROW });
+    page.on('pageerror', (e) => errors.push(e.message));
+  });
+
+  after(async () => {
+    await browser?.close();
+    await stack?.stop();
+  });
+
+  const tile = (name) => page.locator('#library-body .tile-link', { hasText: name });
+  // The first tile on the screen's left from a height down: its address
+  // and where it is.
+  const tileAt = (y) =>
+    page.evaluate((y) => {
+      for (let at = y; at < innerHeight; at += 10) {
+        const link = document.elementFromPoint(60, at)?.closest('.tile-link');
+        if (link) return { href: link.getAttribute('href'), top: Math.round(link.getBoundingClientRect().top) };
+      }
+    }, y);
+  const frames = (n) =>
+    page.evaluate(
+      (n) =>
+        new Promise((done) => {
+          const next = () => (n-- ? requestAnimationFrame(next) : done());
+          next();
+        }),
+      n,
+    );
+
+  it('scrolls to the last album and back with the tiles, covers and scroll position in place', async () => {
+    await page.goto(`${stack.base}/#/library/albums`);
+    await tile('Album 000').waitFor();
+    // Down to the end, a flick at a time: every page is fetched on the way.
+    for (let i = 0; i < 400 && !(await tile('Well-Tempered Hz').count()); i++) {
+      await page.mouse.wheel(0, 2000);
+      await page.waitForTimeout(30);
+    }
+    await tile('Well-Tempered Hz').scrollIntoViewIfNeeded();
+    const coverShown = () => page.waitForFunction(() => [...document.querySelectorAll('#library-body .tile-link img')].some((img) => img.naturalWidth > 0));
+    await coverShown();
+    const height = await page.evaluate(() => document.documentElement.scrollHeight);
+    // The first pages are out of the document by now, but hold their place.
+    assert.equal(await tile('Album 000').count(), 0);
+    assert.ok((await page.locator('#library-body .tile').count()) < ALBUMS / 2);
+
+    // Half way up: what is on the screen stays there while pages around it
+    // come and go.
+    await page.evaluate(() => scrollTo(0, document.documentElement.scrollHeight / 2));
+    await frames(3);
+    const middle = await tileAt(320);
+    assert.ok(middle, 'a tile in the middle of the screen');
+    await frames(10);
+    assert.deepEqual(await tileAt(320), middle);
+
+    // A focused tile stays, and keeps the focus, while the grid scrolls away.
+    await page.locator(`#library-body .tile-link[href="${middle.href}"]`).focus();
+    for (let i = 0; i < 20; i++) await page.mouse.wheel(0, -3000);
+    await frames(5);
+    assert.equal(await page.evaluate(() => document.activeElement?.getAttribute('href')), middle.href);
+
+    // Back at the top: the first albums again, the same height all along,
+    // and a tile opens its album.
+    await page.evaluate(() => scrollTo(0, 0));
+    await tile('Album 000').waitFor();
+    assert.ok(Math.abs((await page.evaluate(() => document.documentElement.scrollHeight)) - height) < 2);
+    await page.evaluate(() => scrollTo(0, document.documentElement.scrollHeight));
+    await tile('Well-Tempered Hz').waitFor();
+    await coverShown();
+    await tile('Album 399').click();
+    await page.getByRole('heading', { name: 'Album 399', level: 2 }).waitFor();
     assert.deepEqual(errors, []);
   });
 });

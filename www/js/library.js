@@ -215,12 +215,45 @@ function albumTile(a, artistName, withActions = false) {
   );
 }
 
-// The grid fetches its next page as its end comes into view.
+// How far beyond the screen the grid reaches: pages of tiles within it are
+// in the document, and the next page is fetched when the end comes within
+// it. A fast flick (some 24,000 pixels a second) covers 1,200 of them in a
+// slow frame of 50 ms, and the tiles must be there before they show.
+const NEAR = 1600;
+
+// The grid fetches its next page as its end comes into view. Thousands of
+// tiles in the document would make every frame's style, layout and paint
+// walk all of them, so only the pages near the screen hold tiles; the
+// others stay as empty boxes of the height they had, which keeps the
+// scrollbar and the scroll position where they were.
 async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
-  // Each page of tiles is a grid of its own: adding one never lays out the
-  // thousands before it again, and pages off the screen are skipped.
+  // Each page of tiles is a grid of its own: adding, emptying or filling
+  // one never lays out the others again.
   const grid = h('div', { class: 'grid-pages' });
   const more = h('button', { type: 'button', class: 'btn more', hidden: true }, 'More');
+  const albums = new Map();
+  const fill = (ul) => {
+    if (!ul.style.height) return;
+    ul.replaceChildren(...albums.get(ul).map((a) => albumTile(a)));
+    ul.style.height = '';
+  };
+  const empty = (ul, height) => {
+    // A tile with the keyboard's focus stays, or the focus would be lost;
+    // a page without a box (the view hidden) has no height to keep.
+    if (ul.style.height || !height || ul.contains(document.activeElement)) return;
+    // Covers still on their way are not wanted any more: the daemon's
+    // answers to them would hold up the covers now on the screen.
+    for (const img of ul.querySelectorAll('img')) if (!img.complete) img.removeAttribute('src');
+    ul.style.height = `${height}px`;
+    ul.replaceChildren();
+  };
+  const pages = new IntersectionObserver((seen) => {
+    if (my !== generation) return pages.disconnect();
+    for (const e of seen) {
+      if (e.isIntersecting) fill(e.target);
+      else empty(e.target, e.boundingClientRect.height);
+    }
+  }, { rootMargin: `${NEAR}px 0px` });
   let offset = 0;
   let busy = false;
   const load = async () => {
@@ -235,17 +268,25 @@ async function albumGrid(body, fetchPage, emptyText, my, paged = true) {
       return;
     }
     offset += items.length;
-    if (items.length) grid.append(h('ul', { class: 'grid grid-page' }, items.map((a) => albumTile(a))));
+    if (items.length) {
+      const ul = h('ul', { class: 'grid grid-page' }, items.map((a) => albumTile(a)));
+      albums.set(ul, items);
+      grid.append(ul);
+      pages.observe(ul);
+    }
     more.disabled = false;
     more.hidden = !paged || items.length < PAGE;
     if (!offset) body.replaceChildren(note(emptyText));
+    // Observed afresh, the end reports where it is now: a page that left
+    // it still within reach (a tall screen) fetches the next one too.
+    watcher.unobserve(more);
+    if (!more.hidden) watcher.observe(more);
   };
   more.addEventListener('click', load);
   const watcher = new IntersectionObserver((seen) => {
     if (my !== generation) watcher.disconnect();
     else if (seen.some((e) => e.isIntersecting) && !more.hidden) load();
-  }, { rootMargin: '600px' });
-  watcher.observe(more);
+  }, { rootMargin: `${NEAR}px 0px` });
   body.replaceChildren(grid, more);
   await load();
 }
