@@ -149,8 +149,44 @@ const char* mimeOf(const std::string& name) {
 
 // ---- discovery -------------------------------------------------------------
 
-std::vector<SsdpReply> search() {
-    std::vector<SsdpReply> found;
+void describe(const std::vector<SsdpReply>& replies) {
+    std::set<std::string> seen;
+    for (const SsdpReply& r : replies) {
+        if (!seen.insert(r.location).second) continue;
+        HttpResult got = httpGet(r.location, 3, kMaxDescription);
+        DeviceDescription d;
+        std::string why = got.error;
+        if (why.empty() && got.status != 200) why = "HTTP " + std::to_string(got.status);
+        if (why.empty() && !parseDeviceDescription(got.body, r.location, d, why)) {
+            // A media server or a bridge answers too; only renderers count.
+        }
+        if (!why.empty()) {
+            kzLog("UPnP: description at %s unusable: %s\n", r.location.c_str(), why.c_str());
+            continue;
+        }
+        std::string key = d.udn.empty() ? r.location : d.udn;
+        std::lock_guard<std::mutex> g(Z().m);
+        Zone* z = byKey(key);
+        if (!z) {
+            if (Z().zones.size() >= kMaxZones) continue;
+            Z().zones.push_back(Zone{});
+            z = &Z().zones.back();
+            z->key = key;
+            kzLog("UPnP zone %d: %s at %s\n", static_cast<int>(Z().zones.size()), d.zoneName().c_str(),
+                  r.location.c_str());
+            addEvent(99);
+        }
+        z->name = d.zoneName();
+        z->location = r.location;
+        z->avTransport = d.avTransport;
+        z->renderingControl = d.renderingControl;
+        if (!z->reachable) z->nextPoll = Clock::now();
+    }
+}
+
+// Each renderer is described as soon as it answers, not after the wait.
+void search() {
+    std::set<std::string> described;
     std::string problem;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -180,8 +216,9 @@ std::vector<SsdpReply> search() {
             ssize_t n = recv(fd, buffer, sizeof buffer, 0);
             if (n <= 0) continue;
             SsdpReply reply;
-            if (parseSsdpReply(std::string_view(buffer, static_cast<size_t>(n)), reply) && found.size() < 256) {
-                found.push_back(reply);
+            if (parseSsdpReply(std::string_view(buffer, static_cast<size_t>(n)), reply) && described.size() < 256 &&
+                described.insert(reply.location).second) {
+                describe({reply});
             }
         }
         close(fd);
@@ -195,7 +232,6 @@ std::vector<SsdpReply> search() {
             kzLog("UPnP: cannot search for renderers (no multicast?): %s\n", problem.c_str());
         Z().lastSearchProblem = problem;
     }
-    return found;
 }
 
 // Renderers announce themselves when they start and now and then after:
@@ -241,40 +277,6 @@ std::vector<SsdpReply> announcements(int fd) {
     return found;
 }
 
-void describe(const std::vector<SsdpReply>& replies) {
-    std::set<std::string> seen;
-    for (const SsdpReply& r : replies) {
-        if (!seen.insert(r.location).second) continue;
-        HttpResult got = httpGet(r.location, 3, kMaxDescription);
-        DeviceDescription d;
-        std::string why = got.error;
-        if (why.empty() && got.status != 200) why = "HTTP " + std::to_string(got.status);
-        if (why.empty() && !parseDeviceDescription(got.body, r.location, d, why)) {
-            // A media server or a bridge answers too; only renderers count.
-        }
-        if (!why.empty()) {
-            kzLog("UPnP: description at %s unusable: %s\n", r.location.c_str(), why.c_str());
-            continue;
-        }
-        std::string key = d.udn.empty() ? r.location : d.udn;
-        std::lock_guard<std::mutex> g(Z().m);
-        Zone* z = byKey(key);
-        if (!z) {
-            if (Z().zones.size() >= kMaxZones) continue;
-            Z().zones.push_back(Zone{});
-            z = &Z().zones.back();
-            z->key = key;
-            kzLog("UPnP zone %d: %s at %s\n", static_cast<int>(Z().zones.size()), d.zoneName().c_str(),
-                  r.location.c_str());
-            addEvent(99);
-        }
-        z->name = d.zoneName();
-        z->location = r.location;
-        z->avTransport = d.avTransport;
-        z->renderingControl = d.renderingControl;
-        if (!z->reachable) z->nextPoll = Clock::now();
-    }
-}
 
 // ---- playing ---------------------------------------------------------------
 
@@ -473,7 +475,7 @@ void zonesThread() {
         if (job) {
             job();
         } else if (searching) {
-            describe(search());
+            search();
             nextSearch = Clock::now() + (searches < std::size(early) ? early[searches] : kSearchEvery);
             searches++;
         } else {
