@@ -34,52 +34,26 @@ class Room:
     snapclient that writes what it plays to room.raw."""
 
     def __init__(self, tmp, fifo):
-        self.tmp = tmp
-        self.port = free_port()
+        port = free_port()
         conf = tmp / "snapserver.conf"
-        conf.write_text(f"""[server]
-datadir = {tmp}
-[http]
-enabled = false
-[tcp]
-enabled = false
-[stream]
-bind_to_address = 127.0.0.1
-port = {self.port}
-source = pipe://{fifo}?name=kz&sampleformat=44100:16:2&mode=create
-codec = pcm
-buffer = 400
-""")
-        self.server = subprocess.Popen(["/usr/bin/snapserver", "-c", str(conf), "--logging.sink=null"],
-                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        conf.write_text(f"[server]\ndatadir = {tmp}\n[http]\nenabled = false\n[tcp]\nenabled = false\n"
+                        f"[stream]\nbind_to_address = 127.0.0.1\nport = {port}\ncodec = pcm\nbuffer = 400\n"
+                        f"source = pipe://{fifo}?name=kz&sampleformat=44100:16:2&mode=create\n")
+        self.server = subprocess.Popen(["/usr/bin/snapserver", "-c", str(conf), "--logging.sink=null"])
         deadline = time.monotonic() + 10
-        while True:
-            try:
-                socket.create_connection(("127.0.0.1", self.port), 0.2).close()
-                break
-            except OSError:
-                assert time.monotonic() < deadline and self.server.poll() is None, "snapserver did not start"
-                time.sleep(0.05)
+        while socket.socket().connect_ex(("127.0.0.1", port)) != 0:
+            assert time.monotonic() < deadline and self.server.poll() is None, "snapserver did not start"
+            time.sleep(0.05)
         self.out = tmp / "room.raw"
         self.client = subprocess.Popen(
-            ["/usr/bin/snapclient", "-h", "127.0.0.1", "-p", str(self.port), "--hostID", "kz-test-room",
-             "--player", f"file:filename={self.out}", "--logsink", "null"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-
-    def stop_server(self):
-        if self.server.poll() is None:
-            self.server.terminate()
-            self.server.wait(10)
+            ["/usr/bin/snapclient", "-h", "127.0.0.1", "-p", str(port), "--hostID", "kz-test-room",
+             "--player", f"file:filename={self.out}", "--logsink", "null"])
 
     def close(self):
         for p in (self.client, self.server):
             if p.poll() is None:
                 p.terminate()
-                try:
-                    p.wait(10)
-                except subprocess.TimeoutExpired:
-                    p.kill()
-                    p.wait()
+                p.wait(10)
 
 
 def left_channel(path):
@@ -137,7 +111,7 @@ def test_rooms_hear_the_box_after_its_volume_and_the_box_never_waits_for_them(da
         p.d.wait_for(f"Snapcast: playing into {fifo} (44100:16:2)", timeout=10)
         time.sleep(4)
         # The server goes away mid-track: the speakers do not notice.
-        room.stop_server()
+        room.server.terminate()
         p.until(lambda: count(p.d.lines, waiting) == 2, what="the second wait")
         p.until(lambda: p.status()["playing"] == 0, what="the track's end")
     finally:
@@ -152,7 +126,7 @@ def test_rooms_hear_the_box_after_its_volume_and_the_box_never_waits_for_them(da
     assert abs((end - start) / 44100 - 12) < 0.1, (end - start) / 44100
     jumps = [n for n in range(start + 100, end - 100) if abs(left[n] - left[n - 100]) > 3]
     assert not jumps, jumps[:10]
-    local_seconds, local_peak, _ = sound_of(left)
+    _, local_peak, _ = sound_of(left)
     assert abs(local_peak - full * VOL48) < full * VOL48 * 0.02, (local_peak, full)
 
     # The room: the same tone at the same level, for the seconds the
@@ -179,14 +153,15 @@ def test_only_plays_to_the_rooms_without_a_sound_card(daemon, tmp_path):
         c.until(lambda: c.status()["playing"] == 1, what="playing")
         c.until(lambda: c.status()["playing"] == 0, what="the track's end")
         # The room plays its buffer's worth later.
-        time.sleep(1.5)
+        time.sleep(2)
     finally:
         room.close()
     assert c.d.stop() == 0
     assert "*********** No USB DAC **********" not in c.d.lines
     assert not any("Alsa device no_such_device opened" in line for line in c.d.lines)
-    # Paced on the clock: four seconds of tone, none dropped, none doubled.
+    # Paced on the clock: four seconds of tone. Unpaced, all but the pipe's
+    # 0.4 s would be dropped.
     seconds, peak, hz = sound_of(left_channel(room.out))
-    assert abs(seconds - 4) < 0.25, seconds
+    assert abs(seconds - 4) < 0.5, seconds
     assert abs(peak - full) < full * 0.02, (peak, full)
     assert abs(hz - TONE_HZ) < TONE_HZ * 0.02, hz
