@@ -7,6 +7,7 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import time
 
 import pytest
@@ -14,7 +15,7 @@ import pytest
 import webstack
 from client import Client
 from kzdaemon import KZ_BIN
-from netns import AVT, KZ_ADDR, RC, Netns, soap, start_renderer
+from netns import AVT, KZ_ADDR, PEER_ADDR, RC, Netns, soap, start_renderer
 
 NAME = 'Kitchen <&> "Room"'
 
@@ -25,15 +26,16 @@ def tone(path, freq, seconds):
                    check=True)
 
 
-@pytest.fixture
-def stack(daemon, tmp_path):
+def network(daemon, tmp_path, start_peer):
+    """kz and lighttpd at 10.77.0.1 with a small library, and the peer that
+    start_peer(ns) starts at 10.77.0.2; yields the client."""
     for tool in ("gmediarender", "lighttpd", "nsenter", "unshare", "curl"):
         if not shutil.which(tool):
             pytest.skip(f"{tool} is not installed")
     ns = Netns()
     if not ns.ready:
         pytest.skip("no network namespace with a veth pair here: " + ns.why)
-    renderer = None
+    peer = None
     root = tmp_path / "root"
     try:
         album = root / "media" / "hdd1" / "music" / "Zone Artist" / "Far & Away"
@@ -48,15 +50,30 @@ def stack(daemon, tmp_path):
         with open(root / "etc" / "lighttpd" / "lighttpd.conf", "a") as conf:
             conf.write(f'server.modules += ( "mod_accesslog" )\n'
                        f'accesslog.filename = "{root}/var/log/access.log"\n')
-        renderer = start_renderer(ns, NAME, tmp_path / "renderer.log")
+        peer = start_peer(ns)
         kz = Client(daemon, root, env={"KZ_PCM": "null"}, command=ns.prefix() + [KZ_BIN])
-        kz.ns, kz.renderer, kz.port = ns, renderer, port
+        kz.ns, kz.renderer, kz.port = ns, peer, port
         yield kz
     finally:
-        if renderer:
-            renderer.kill()
+        if peer:
+            peer.kill()
         webstack.stop_lighttpd(root)
         ns.close()
+
+
+@pytest.fixture
+def stack(daemon, tmp_path):
+    yield from network(daemon, tmp_path, lambda ns: start_renderer(ns, NAME, tmp_path / "renderer.log"))
+
+
+@pytest.fixture
+def hostile(daemon, tmp_path):
+    def start(ns):
+        peer = subprocess.Popen(ns.prefix() + [sys.executable, os.path.join(os.path.dirname(__file__), "bad_renderer.py"),
+                                               PEER_ADDR], stdout=subprocess.PIPE, text=True)
+        assert peer.stdout.readline().strip() == "ready"
+        return peer
+    yield from network(daemon, tmp_path, start)
 
 
 def test_a_renderer_is_found_plays_the_library_and_follows_on(stack):
@@ -146,3 +163,23 @@ def test_bad_zones_and_a_vanished_renderer_leave_the_box_playing(stack):
     # Forgetting the zones empties the list; the search finds nobody now.
     assert kz.api("resetSonos") == '"OK"'
     kz.until(lambda: kz.status()["sonos"] == [], 10, "the zones to be forgotten")
+
+
+def test_broken_and_hostile_devices_are_logged_and_change_nothing_else(hostile):
+    kz = hostile
+    # A 10 MB description and one that is not XML are refused with a reason;
+    # a renderer whose every answer is a fault is listed, its name as given.
+    kz.d.wait_for("huge.xml unusable: reply larger than", timeout=20)
+    kz.d.wait_for("broken.xml unusable: not a device description")
+    kz.until(lambda: kz.status()["sonos"] == ["Faulty <Zone>"], 10, "the faulty zone")
+    track = kz.json("search&artists=0&albums=0&radio=0&string=Third")[0]["id"]
+    kz.api(f"playID&id={track}&sonos=1")
+    kz.d.wait_for("UPnP zone Faulty <Zone> refused the track: 701 Transition not available")
+    kz.api("vol20&sonos=1")
+    kz.d.wait_for("UPnP zone Faulty <Zone> refused SetVolume: 701 Transition not available")
+    kz.d.wait_for("UPnP zone Faulty <Zone> does not answer: 701")
+    assert kz.json("sonosStatus")[0]["reachable"] is False
+    # Through all of it the box plays as ever.
+    kz.api(f"playID&id={track}")
+    kz.until(lambda: kz.status()["playing"] == 1, 10, "the box to play")
+    assert kz.status()["volume"] != "20"
