@@ -18,7 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string why;
     if (parseDeviceDescription(text, "http://10.0.0.5:1400/xml/d.xml", d, why)) {
         if (d.avTransport.compare(0, 7, "http://") != 0) abort();
-        if (!d.renderingControl.empty() && d.renderingControl.compare(0, 7, "http://") != 0) abort();
+        if (!d.renderingControl.empty() && d.renderingControl.compare(0, 7, "http://") != 0)
+            abort();
     } else if (why.empty()) {
         abort();
     }

@@ -1,7 +1,6 @@
 #include "core/http.h"
 
 #include <curl/curl.h>
-
 #include <strings.h>
 
 #include <cctype>
@@ -38,7 +37,8 @@ size_t takeHeader(char* data, size_t size, size_t n, void* user) {
     size_t bytes = size * n;
     static const char kRetry[] = "retry-after:";
     if (bytes > sizeof kRetry && strncasecmp(data, kRetry, sizeof kRetry - 1) == 0)
-        result->retryAfter = atoi(std::string(data + sizeof kRetry - 1, bytes - (sizeof kRetry - 1)).c_str());
+        result->retryAfter =
+            atoi(std::string(data + sizeof kRetry - 1, bytes - (sizeof kRetry - 1)).c_str());
     return bytes;
 }
 
@@ -55,8 +55,8 @@ struct HeaderList {
     ~HeaderList() { curl_slist_free_all(list); }
 };
 
-HttpResult perform(const std::string& url, const std::string* post, const std::vector<std::string>& headers,
-                   int timeoutSeconds, size_t maxBytes) {
+HttpResult perform(const std::string& url, const std::string* post,
+                   const std::vector<std::string>& headers, int timeoutSeconds, size_t maxBytes) {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     HttpResult result;
@@ -109,13 +109,14 @@ HttpResult httpGet(const std::string& url, int timeoutSeconds, size_t maxBytes) 
     return perform(url, nullptr, {}, timeoutSeconds, maxBytes);
 }
 
-HttpResult httpPost(const std::string& url, const std::string& body, const std::vector<std::string>& headers,
-                    int timeoutSeconds, size_t maxBytes) {
+HttpResult httpPost(const std::string& url, const std::string& body,
+                    const std::vector<std::string>& headers, int timeoutSeconds, size_t maxBytes) {
     return perform(url, &body, headers, timeoutSeconds, maxBytes);
 }
 
 bool isHttpUrl(const std::string& url) {
-    return strncasecmp(url.c_str(), "http://", 7) == 0 || strncasecmp(url.c_str(), "https://", 8) == 0;
+    return strncasecmp(url.c_str(), "http://", 7) == 0 ||
+           strncasecmp(url.c_str(), "https://", 8) == 0;
 }
 
 std::string resolveUrl(const std::string& base, const std::string& ref) {

@@ -876,7 +876,8 @@ bool saveRepeatMode() {
     std::string path = repeatModePath();
     if (path.empty()) return false;
     const char* word = kRepeatWords[getRepeatMode()];
-    bool ok = writeFileAtomically(path, [word](FILE* f) { return fprintf(f, "repeat %s\n", word) > 0; });
+    bool ok =
+        writeFileAtomically(path, [word](FILE* f) { return fprintf(f, "repeat %s\n", word) > 0; });
     if (!ok) kzLog("Cannot write %s\n", path.c_str());
     return ok;
 }

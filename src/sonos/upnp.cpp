@@ -35,7 +35,8 @@ Doc readXml(std::string_view xml) {
 }
 
 bool named(const xmlNode* n, const char* name) {
-    return n && n->type == XML_ELEMENT_NODE && n->name && strcmp(reinterpret_cast<const char*>(n->name), name) == 0;
+    return n && n->type == XML_ELEMENT_NODE && n->name &&
+           strcmp(reinterpret_cast<const char*>(n->name), name) == 0;
 }
 
 const xmlNode* child(const xmlNode* n, const char* name) {
@@ -83,8 +84,10 @@ bool headerValue(std::string_view line, const char* name, std::string& value) {
     size_t n = strlen(name);
     if (line.size() <= n || line[n] != ':' || strncasecmp(line.data(), name, n) != 0) return false;
     std::string_view v = line.substr(n + 1);
-    while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
-    while (!v.empty() && (v.back() == ' ' || v.back() == '\t' || v.back() == '\r')) v.remove_suffix(1);
+    while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
+        v.remove_prefix(1);
+    while (!v.empty() && (v.back() == ' ' || v.back() == '\t' || v.back() == '\r'))
+        v.remove_suffix(1);
     value.assign(v);
     return true;
 }
@@ -112,7 +115,8 @@ bool parseSsdpReply(std::string_view datagram, SsdpReply& out) {
     while (end != std::string_view::npos) {
         size_t start = end + 1;
         end = datagram.find('\n', start);
-        std::string_view line = datagram.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+        std::string_view line = datagram.substr(
+            start, end == std::string_view::npos ? std::string_view::npos : end - start);
         if (headerValue(line, "LOCATION", value)) {
             out.location = value;
         } else if (headerValue(line, reply ? "ST" : "NT", value)) {
@@ -128,7 +132,9 @@ bool parseSsdpReply(std::string_view datagram, SsdpReply& out) {
 }
 
 std::string ssdpSearchText(const char* target) {
-    return std::string("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 2\r\nST: ") +
+    return std::string(
+               "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: "
+               "2\r\nST: ") +
            target + "\r\nUSER-AGENT: Linux UPnP/1.0 kz\r\n\r\n";
 }
 
@@ -136,8 +142,8 @@ std::string DeviceDescription::zoneName() const {
     return roomName.empty() ? friendlyName : roomName;
 }
 
-bool parseDeviceDescription(std::string_view xml, const std::string& location, DeviceDescription& out,
-                            std::string& why) {
+bool parseDeviceDescription(std::string_view xml, const std::string& location,
+                            DeviceDescription& out, std::string& why) {
     out = DeviceDescription{};
     Doc doc = readXml(xml);
     const xmlNode* root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
@@ -156,8 +162,10 @@ bool parseDeviceDescription(std::string_view xml, const std::string& location, D
     out.friendlyName = childText(device, "friendlyName");
     out.roomName = childText(device, "roomName");
     out.manufacturer = childText(device, "manufacturer");
-    out.avTransport = controlUrl(base, findControl(device, "urn:schemas-upnp-org:service:AVTransport:"));
-    out.renderingControl = controlUrl(base, findControl(device, "urn:schemas-upnp-org:service:RenderingControl:"));
+    out.avTransport =
+        controlUrl(base, findControl(device, "urn:schemas-upnp-org:service:AVTransport:"));
+    out.renderingControl =
+        controlUrl(base, findControl(device, "urn:schemas-upnp-org:service:RenderingControl:"));
     if (out.avTransport.empty()) {
         why = "no AVTransport service";
         return false;
@@ -181,21 +189,30 @@ std::string urlHost(const std::string& url) {
     return host.substr(0, host.find(':'));
 }
 
-
 std::string xmlEscape(std::string_view s) {
     std::string out;
     out.reserve(s.size() + 16);
     for (unsigned char c : s) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&apos;"; break;
-        default:
-            // Control characters are not allowed in XML 1.0 at all.
-            if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') continue;
-            out += static_cast<char>(c);
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&apos;";
+                break;
+            default:
+                // Control characters are not allowed in XML 1.0 at all.
+                if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') continue;
+                out += static_cast<char>(c);
         }
     }
     return out;
@@ -240,7 +257,8 @@ SoapAnswer parseSoapAnswer(std::string_view xml, long httpStatus, const char* ac
     const xmlNode* envelope = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
     const xmlNode* body = named(envelope, "Envelope") ? child(envelope, "Body") : nullptr;
     const xmlNode* first = body ? body->children : nullptr;
-    while (first && first->type != XML_ELEMENT_NODE) first = first->next;
+    while (first && first->type != XML_ELEMENT_NODE)
+        first = first->next;
     if (!first) {
         a.fault = "HTTP " + std::to_string(httpStatus) + " without a SOAP answer";
         return a;
@@ -255,12 +273,14 @@ SoapAnswer parseSoapAnswer(std::string_view xml, long httpStatus, const char* ac
                 n = n->children;
                 continue;
             }
-            while (n && n != first && !n->next) n = n->parent;
+            while (n && n != first && !n->next)
+                n = n->parent;
             if (!n || n == first) break;
             n = n->next;
         }
         if (code.empty()) code = childText(first, "faultstring");
-        a.fault = (code.empty() ? "SOAP fault" : code) + (description.empty() ? "" : " " + description);
+        a.fault =
+            (code.empty() ? "SOAP fault" : code) + (description.empty() ? "" : " " + description);
         return a;
     }
     std::string expected = std::string(action) + "Response";

@@ -33,15 +33,15 @@ struct DeviceDescription {
     std::string friendlyName;
     std::string roomName;
     std::string manufacturer;
-    std::string avTransport;        // absolute control addresses
+    std::string avTransport;  // absolute control addresses
     std::string renderingControl;
     // The zone's name: the room of a Sonos player, else the friendly name.
     std::string zoneName() const;
 };
 // False, with why, for a description without an AVTransport control
 // address or one that is not XML.
-bool parseDeviceDescription(std::string_view xml, const std::string& location, DeviceDescription& out,
-                            std::string& why);
+bool parseDeviceDescription(std::string_view xml, const std::string& location,
+                            DeviceDescription& out, std::string& why);
 // "http://host:port" of an address, and its host alone.
 std::string urlOrigin(const std::string& url);
 std::string urlHost(const std::string& url);

@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -101,14 +101,16 @@ Zone* byKey(const std::string& key) {
     return nullptr;
 }
 
-SoapAnswer soap(const std::string& url, const char* service, const char* action, const SoapArgs& args) {
+SoapAnswer soap(const std::string& url, const char* service, const char* action,
+                const SoapArgs& args) {
     std::vector<std::string> headers = {
         "Content-Type: text/xml; charset=\"utf-8\"",
         std::string("SOAPACTION: \"") + service + "#" + action + "\"",
         // Some renderers never answer "100 Continue".
         "Expect:",
     };
-    HttpResult r = httpPost(url, soapEnvelope(service, action, args), headers, kSoapSeconds, kMaxSoapAnswer);
+    HttpResult r =
+        httpPost(url, soapEnvelope(service, action, args), headers, kSoapSeconds, kMaxSoapAnswer);
     if (!r.error.empty()) {
         SoapAnswer a;
         a.fault = r.error;
@@ -137,8 +139,10 @@ std::string localAddressFor(const std::string& host) {
 }
 
 const char* mimeOf(const std::string& name) {
-    std::string ext = name.substr(name.rfind('.') == std::string::npos ? name.size() : name.rfind('.'));
-    for (char& c : ext) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    std::string ext =
+        name.substr(name.rfind('.') == std::string::npos ? name.size() : name.rfind('.'));
+    for (char& c : ext)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     if (ext == ".flac") return "audio/flac";
     if (ext == ".mp3") return "audio/mpeg";
     if (ext == ".wav") return "audio/wav";
@@ -172,8 +176,8 @@ void describe(const std::vector<SsdpReply>& replies) {
             Z().zones.push_back(Zone{});
             z = &Z().zones.back();
             z->key = key;
-            kzLog("UPnP zone %d: %s at %s\n", static_cast<int>(Z().zones.size()), d.zoneName().c_str(),
-                  r.location.c_str());
+            kzLog("UPnP zone %d: %s at %s\n", static_cast<int>(Z().zones.size()),
+                  d.zoneName().c_str(), r.location.c_str());
             addEvent(99);
         }
         z->name = d.zoneName();
@@ -200,7 +204,8 @@ void search() {
         inet_pton(AF_INET, "239.255.255.250", &group.sin_addr);
         for (const char* target : {kMediaRendererType, kZonePlayerType}) {
             std::string text = ssdpSearchText(target);
-            if (sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof group) < 0) {
+            if (sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&group),
+                       sizeof group) < 0) {
                 problem = strerror(errno);
                 break;
             }
@@ -208,7 +213,9 @@ void search() {
         // Renderers answer within MX (2) seconds.
         auto until = Clock::now() + std::chrono::milliseconds(2500);
         while (problem.empty()) {
-            int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count());
+            int left = static_cast<int>(
+                std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now())
+                    .count());
             if (left <= 0) break;
             pollfd p{fd, POLLIN, 0};
             if (poll(&p, 1, left) <= 0) break;
@@ -216,8 +223,8 @@ void search() {
             ssize_t n = recv(fd, buffer, sizeof buffer, 0);
             if (n <= 0) continue;
             SsdpReply reply;
-            if (parseSsdpReply(std::string_view(buffer, static_cast<size_t>(n)), reply) && described.size() < 256 &&
-                described.insert(reply.location).second) {
+            if (parseSsdpReply(std::string_view(buffer, static_cast<size_t>(n)), reply) &&
+                described.size() < 256 && described.insert(reply.location).second) {
                 describe({reply});
             }
         }
@@ -277,7 +284,6 @@ std::vector<SsdpReply> announcements(int fd) {
     return found;
 }
 
-
 // ---- playing ---------------------------------------------------------------
 
 void sendEntry(const std::string& key, int index) {
@@ -323,15 +329,18 @@ void sendEntry(const std::string& key, int index) {
         }
     }
     kzLog("UPnP zone %s: playing %s\n", name.c_str(), t.url.c_str());
-    SoapAnswer a = soap(avTransport, kAVTransportType, "SetAVTransportURI",
-                        {{"InstanceID", "0"}, {"CurrentURI", t.url}, {"CurrentURIMetaData", didlLite(t)}});
-    if (a.ok) a = soap(avTransport, kAVTransportType, "Play", {{"InstanceID", "0"}, {"Speed", "1"}});
+    SoapAnswer a =
+        soap(avTransport, kAVTransportType, "SetAVTransportURI",
+             {{"InstanceID", "0"}, {"CurrentURI", t.url}, {"CurrentURIMetaData", didlLite(t)}});
+    if (a.ok)
+        a = soap(avTransport, kAVTransportType, "Play", {{"InstanceID", "0"}, {"Speed", "1"}});
     if (!a.ok) kzLog("UPnP zone %s refused the track: %s\n", name.c_str(), a.fault.c_str());
     std::lock_guard<std::mutex> g(Z().m);
     if (Zone* z = byKey(key)) z->nextPoll = Clock::now() + std::chrono::milliseconds(300);
 }
 
-void plainAction(const std::string& key, const char* action, const SoapArgs& args, bool rendering = false) {
+void plainAction(const std::string& key, const char* action, const SoapArgs& args,
+                 bool rendering = false) {
     std::string url, name;
     {
         std::lock_guard<std::mutex> g(Z().m);
@@ -361,11 +370,14 @@ void pollZone(const std::string& key) {
         rendering = z->renderingControl;
         name = z->name;
     }
-    SoapAnswer info = soap(avTransport, kAVTransportType, "GetTransportInfo", {{"InstanceID", "0"}});
+    SoapAnswer info =
+        soap(avTransport, kAVTransportType, "GetTransportInfo", {{"InstanceID", "0"}});
     SoapAnswer position, volume;
-    if (info.ok) position = soap(avTransport, kAVTransportType, "GetPositionInfo", {{"InstanceID", "0"}});
+    if (info.ok)
+        position = soap(avTransport, kAVTransportType, "GetPositionInfo", {{"InstanceID", "0"}});
     if (info.ok && !rendering.empty())
-        volume = soap(rendering, kRenderingControlType, "GetVolume", {{"InstanceID", "0"}, {"Channel", "Master"}});
+        volume = soap(rendering, kRenderingControlType, "GetVolume",
+                      {{"InstanceID", "0"}, {"Channel", "Master"}});
 
     int advanceTo = -1;
     {
@@ -393,7 +405,8 @@ void pollZone(const std::string& key) {
         int vol = z->volume;
         if (volume.ok) {
             const std::string& v = volume.values["CurrentVolume"];
-            if (!v.empty() && v.size() < 4 && std::all_of(v.begin(), v.end(), ::isdigit)) vol = std::stoi(v);
+            if (!v.empty() && v.size() < 4 && std::all_of(v.begin(), v.end(), ::isdigit))
+                vol = std::stoi(v);
         }
         changed = changed || state != z->state || uri != z->uri || vol != z->volume;
         z->state = state;
@@ -403,7 +416,8 @@ void pollZone(const std::string& key) {
             bool playing = state == "PLAYING" || state == "TRANSITIONING";
             bool ended = state == "STOPPED" || state == "NO_MEDIA_PRESENT";
             if (!uri.empty() && uri != z->sentUri && z->sawPlaying) {
-                kzLog("UPnP zone %s plays something else now; kz's list there ends\n", name.c_str());
+                kzLog("UPnP zone %s plays something else now; kz's list there ends\n",
+                      name.c_str());
                 z->current = -1;
                 z->list.clear();
                 z->sentUri.clear();
@@ -417,7 +431,9 @@ void pollZone(const std::string& key) {
             // say PLAYING with a clock that never moves.
             bool stuck = z->current >= 0 && !z->progressed && !z->stoppedByUser &&
                          Clock::now() - z->sentAt > kStartLimit;
-            if (stuck) kzLog("UPnP zone %s did not start %s; going on\n", name.c_str(), z->sentTitle.c_str());
+            if (stuck)
+                kzLog("UPnP zone %s did not start %s; going on\n", name.c_str(),
+                      z->sentTitle.c_str());
             if (z->current < 0) {
             } else if (playing && !stuck) {
                 z->sawPlaying = true;
@@ -441,7 +457,8 @@ void pollZone(const std::string& key) {
 void zonesThread() {
     int listener = openAnnouncements();
     // Soon again after the start, when renderers and kz come up together.
-    const std::chrono::seconds early[] = {std::chrono::seconds(5), std::chrono::seconds(15), std::chrono::seconds(60)};
+    const std::chrono::seconds early[] = {std::chrono::seconds(5), std::chrono::seconds(15),
+                                          std::chrono::seconds(60)};
     size_t searches = 0;
     auto nextSearch = Clock::now();
     for (;;) {
@@ -476,10 +493,12 @@ void zonesThread() {
             job();
         } else if (searching) {
             search();
-            nextSearch = Clock::now() + (searches < std::size(early) ? early[searches] : kSearchEvery);
+            nextSearch =
+                Clock::now() + (searches < std::size(early) ? early[searches] : kSearchEvery);
             searches++;
         } else {
-            for (const std::string& key : due) pollZone(key);
+            for (const std::string& key : due)
+                pollZone(key);
         }
     }
 }
@@ -488,7 +507,8 @@ void zonesThread() {
 std::string zoneKey(int zone, const char* what) {
     std::lock_guard<std::mutex> g(Z().m);
     if (zone < 0 || zone >= static_cast<int>(Z().zones.size())) {
-        kzLog("%s for zone %d: there are %d zones\n", what, zone + 1, static_cast<int>(Z().zones.size()));
+        kzLog("%s for zone %d: there are %d zones\n", what, zone + 1,
+              static_cast<int>(Z().zones.size()));
         return "";
     }
     Z().inUse = Z().zones[static_cast<size_t>(zone)].name;
@@ -621,7 +641,8 @@ std::vector<ZoneView> sonosZones() {
         v.state = z.state;
         v.volume = z.volume;
         v.uri = z.uri;
-        if (z.current >= 0 && z.uri == z.sentUri && static_cast<size_t>(z.current) < z.list.size()) {
+        if (z.current >= 0 && z.uri == z.sentUri &&
+            static_cast<size_t>(z.current) < z.list.size()) {
             const Entry& e = z.list[static_cast<size_t>(z.current)];
             v.title = e.title;
             v.artist = e.artist;
@@ -749,7 +770,9 @@ bool sonosQueueId(int zone, int id) {
 }
 
 bool sonosKey(int zone, ZoneKey keyPressed) {
-    std::string key = zoneKey(zone, keyPressed == ZoneKey::Back ? "back" : keyPressed == ZoneKey::Next ? "next" : "play");
+    std::string key = zoneKey(zone, keyPressed == ZoneKey::Back   ? "back"
+                                    : keyPressed == ZoneKey::Next ? "next"
+                                                                  : "play");
     if (key.empty()) return false;
     post([key, keyPressed] {
         int move = 0;
@@ -772,7 +795,8 @@ bool sonosKey(int zone, ZoneKey keyPressed) {
                 std::lock_guard<std::mutex> g(Z().m);
                 if (Zone* z = byKey(key)) avTransport = z->avTransport;
             }
-            SoapAnswer now = soap(avTransport, kAVTransportType, "GetTransportInfo", {{"InstanceID", "0"}});
+            SoapAnswer now =
+                soap(avTransport, kAVTransportType, "GetTransportInfo", {{"InstanceID", "0"}});
             if (now.ok) {
                 const std::string& state = now.values["CurrentTransportState"];
                 playing = state == "PLAYING" || state == "TRANSITIONING";
@@ -798,7 +822,8 @@ bool sonosKey(int zone, ZoneKey keyPressed) {
             }
             plainAction(key, "Stop", {{"InstanceID", "0"}});
         } else {
-            plainAction(key, keyPressed == ZoneKey::Next ? "Next" : "Previous", {{"InstanceID", "0"}});
+            plainAction(key, keyPressed == ZoneKey::Next ? "Next" : "Previous",
+                        {{"InstanceID", "0"}});
         }
     });
     return true;
@@ -808,6 +833,9 @@ bool sonosVolume(int zone, int volume100) {
     std::string key = zoneKey(zone, "vol");
     if (key.empty()) return false;
     std::string v = std::to_string(std::clamp(volume100, 0, 100));
-    post([key, v] { plainAction(key, "SetVolume", {{"InstanceID", "0"}, {"Channel", "Master"}, {"DesiredVolume", v}}, true); });
+    post([key, v] {
+        plainAction(key, "SetVolume",
+                    {{"InstanceID", "0"}, {"Channel", "Master"}, {"DesiredVolume", v}}, true);
+    });
     return true;
 }

@@ -10,14 +10,14 @@
 
 struct ZoneView {
     std::string name;
-    bool active = false;      // playing now
-    bool reachable = true;    // answered its last question
-    std::string state;        // the renderer's transport state
-    int volume = -1;          // 0..100, -1 unknown
-    std::string title;        // what kz sent it, when it plays kz's list
+    bool active = false;    // playing now
+    bool reachable = true;  // answered its last question
+    std::string state;      // the renderer's transport state
+    int volume = -1;        // 0..100, -1 unknown
+    std::string title;      // what kz sent it, when it plays kz's list
     std::string artist, album;
     int albumId = -1;
-    std::string uri;          // the address it plays
+    std::string uri;  // the address it plays
 };
 
 // Starts the zones' thread: a search at once and every few minutes.

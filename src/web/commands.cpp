@@ -30,6 +30,7 @@
 #include "library/sorting.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "playback/snapcast.h"
 #include "radio/directory.h"
 #include "radio/radio.h"
 #include "radio/stations.h"
@@ -1114,6 +1115,16 @@ void webSetPlayMode(const Request& r) {
     r.reply->text = keep(std::string("{\"playMode\":\"") + playModeName() + "\"}");
 }
 
+// "&mode=off|also|only": the rooms of Snapcast beside this box's speakers,
+// instead of them, or not at all.
+void webSetSnapcast(const Request& r) {
+    char mode[16] = "";
+    const char* v = findParameter(r.from, "&mode=");
+    if (v) stripPercentagesFromURL(mode, v, sizeof mode);
+    if (setSnapcastMode(mode)) kzLog("Snapcast mode %s\n", mode);
+    r.reply->text = keep(std::string("{\"snapcast\":\"") + snapcastModeName() + "\"}");
+}
+
 void webCompressNow(const Request& r) {
     kickCompression();
     r.reply->text = "\"OK\"";
@@ -1456,6 +1467,7 @@ const Command commands[] = {
     {"recentAlbums", webRecentAlbums},
     {"discInLibrary", webDiscInLibrary},
     {"albumTiles", webAlbumTiles},
+    {"setSnapcast", webSetSnapcast},
 };
 
 }  // namespace

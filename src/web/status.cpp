@@ -15,6 +15,7 @@
 #include "playback/cd.h"
 #include "playback/control.h"
 #include "playback/output.h"
+#include "playback/snapcast.h"
 #include "radio/radio.h"
 #include "ripping/cdrom.h"
 #include "ripping/compress.h"
@@ -261,6 +262,8 @@ std::string getWebStatusCore(bool full) {
     add(out, ",\"changes\":%d", static_cast<long>(libraryGeneration()) + playlistsGeneration());
     // Each networked zone's state, volume and track, for the zone picker.
     out += ",\"zones\":" + sonosZonesJson();
+    addText(out, "snapcast", snapcastModeName());
+    addText(out, "snapcastState", snapcastState().c_str());
     out += "}";
     return out;
 }

@@ -355,6 +355,13 @@ describe('web pages', () => {
     await until(async () => (await stack.status()).random === '0', 'random off');
     await page.getByLabel('Reversed').check();
     await until(async () => (await stack.status()).reversed === '1', 'reversed on');
+    // Snapcast rooms: with no server running the page says the box waits.
+    await page.getByLabel('Snapcast rooms').selectOption('also');
+    await until(async () => (await stack.status()).snapcast === 'also', 'Snapcast rooms on');
+    await page.locator('#toast', { hasText: 'Snapcast rooms: Also' }).waitFor();
+    await page.locator('#snapcast-state', { hasText: 'waiting for the Snapcast server' }).waitFor();
+    await page.getByLabel('Snapcast rooms').selectOption('off');
+    await until(async () => (await stack.status()).snapcast === 'off', 'Snapcast rooms off');
     await page.getByLabel('Compression of ripped music').selectOption('mp3 256k');
     await until(async () => /256/.test((await stack.status()).compression), 'MP3 256k compression');
     // The WAV album and the rips become MP3s; the page follows the job to its end.

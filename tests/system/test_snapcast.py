@@ -147,6 +147,10 @@ def test_only_plays_to_the_rooms_without_a_sound_card(daemon, tmp_path):
     try:
         c = Client(daemon, root, env={"KZ_PCM": "no_such_device", "KZ_SNAPCAST_FIFO": str(fifo)})
         c.d.wait_for(f"Snapcast: playing into {fifo}")
+        status = c.status()
+        assert (status["snapcast"], status["snapcastState"]) == ("only", f"playing into {fifo} (44100:16:2)")
+        # The pages' command: a word it does not know changes nothing.
+        assert c.json("setSnapcast&mode=loud") == {"snapcast": "only"}
         c.api("vol64")
         track = c.json("search&artists=0&albums=0&radio=0&string=Short")[0]["id"]
         c.api(f"playID&id={track}")
@@ -156,7 +160,11 @@ def test_only_plays_to_the_rooms_without_a_sound_card(daemon, tmp_path):
         time.sleep(2)
     finally:
         room.close()
+    # Back to the box's speakers, kept for the next start.
+    assert c.json("setSnapcast&mode=off") == {"snapcast": "off"}
+    assert c.status()["snapcastState"] == "off"
     assert c.d.stop() == 0
+    assert (root / "media" / "hdd1" / "kzsnapcast").read_text().split() in (["snapcast", "off"], ["off"])
     assert "*********** No USB DAC **********" not in c.d.lines
     assert not any("Alsa device no_such_device opened" in line for line in c.d.lines)
     # Paced on the clock: four seconds of tone. Unpaced, all but the pipe's

@@ -60,6 +60,10 @@ function render(s) {
     const v = lower(s.segue);
     if (['off', 'short', 'on'].includes(v)) el.value = v;
   });
+  set($('set-snapcast'), (el) => {
+    if (['off', 'also', 'only'].includes(s.snapcast)) el.value = s.snapcast;
+  });
+  $('snapcast-state').textContent = s.snapcast && s.snapcast !== 'off' ? `Snapcast: ${s.snapcastState}` : '';
   set($('set-logging'), (el) => {
     const v = lower(s.logging);
     if ([...el.options].some((o) => o.value === v)) el.value = v;
@@ -150,6 +154,7 @@ export function init() {
   });
   change('set-segue', (el) => act('setSegue', { mode: el.value }));
   change('set-logging', (el) => act('setLogging', { mode: el.value }));
+  change('set-snapcast', async (el) => (await call('setSnapcast', { mode: el.value }).catch(() => undefined))?.snapcast === el.value);
   change('set-random', (el) => act('setRandom', { random: el.checked ? 1 : 0 }));
   change('set-classical', (el) => {
     localStorage.setItem(CLASSICAL_KEY, el.checked ? '1' : '0');
