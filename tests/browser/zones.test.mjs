@@ -61,7 +61,8 @@ describe('rooms on the Playing view', { skip: process.env.KZ_IN_NETNS !== '1' &&
     await page.goto(stack.base + '/');
     const picker = page.getByLabel('Play on');
     await picker.waitFor();
-    assert.deepEqual(await picker.locator('option').allTextContents(), ['This box', ROOM]);
+    await picker.locator('option', { hasText: ROOM }).waitFor({ state: 'attached' });
+    assert.deepEqual(await picker.locator('option').allTextContents(), ['This box', 'This box and the Snapcast rooms', 'The Snapcast rooms', ROOM]);
     await picker.selectOption({ label: ROOM });
     await page.locator('#toast', { hasText: `Playing on ${ROOM}` }).waitFor();
 
@@ -95,7 +96,11 @@ describe('rooms on the Playing view', { skip: process.env.KZ_IN_NETNS !== '1' &&
     // Its key stops the room; back on this box, play is this box's again.
     await page.locator('#btn-play').click();
     await until(async () => (await ask(control, 'GetTransportInfo')).CurrentTransportState === 'STOPPED', 'the room to stop');
+    // The Snapcast rooms are a choice of this box: chosen here, set for all.
+    await picker.selectOption({ label: 'This box and the Snapcast rooms' });
+    await until(async () => (await stack.status()).snapcast === 'also', 'the Snapcast rooms');
     await picker.selectOption({ label: 'This box' });
+    await until(async () => (await stack.status()).snapcast === 'off', 'this box alone');
     await page.goto(stack.base + '/#/library');
     await row('Sine Quartet').click();
     await row('Pure Tones').click();

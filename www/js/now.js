@@ -185,18 +185,26 @@ function zoneOf(s) {
 
 const STATES = { PLAYING: 'playing', STOPPED: 'stopped', PAUSED_PLAYBACK: 'paused', TRANSITIONING: 'starting', NO_MEDIA_PRESENT: 'idle' };
 
+const BOX_CHOICES = [
+  ['box:off', 'This box'],
+  ['box:also', 'This box and the Snapcast rooms'],
+  ['box:only', 'The Snapcast rooms'],
+];
+
 let shownZones = '';
 function renderZones(s) {
   const names = Array.isArray(s.sonos) ? s.sonos : [];
   // A zone forgotten by the daemon leaves the pages on this box.
   if (target.zone > names.length) setZone(0);
   const select = $('zone');
-  const wanted = ['This box', ...names];
-  if (select.options.length !== wanted.length || [...select.options].some((o, i) => o.textContent !== wanted[i])) {
-    select.replaceChildren(...wanted.map((name, i) => new Option(name, String(i))));
+  // This box with or without the Snapcast rooms (a setting of the box, for
+  // every browser), then each networked zone.
+  const wanted = [...BOX_CHOICES.map(([value, name]) => [value, name]), ...names.map((name, i) => [String(i + 1), name])];
+  if (select.options.length !== wanted.length || [...select.options].some((o, i) => o.textContent !== wanted[i][1])) {
+    select.replaceChildren(...wanted.map(([value, name]) => new Option(name, value)));
   }
-  if (!held(select)) select.value = String(target.zone);
-  $('zone-row').hidden = names.length === 0;
+  const mode = ['off', 'also', 'only'].includes(s.snapcast) ? s.snapcast : 'off';
+  if (!held(select)) select.value = target.zone > 0 ? String(target.zone) : 'box:' + mode;
 
   const zones = Array.isArray(s.zones) ? s.zones : [];
   const key = JSON.stringify([target.zone, zones]);
@@ -288,14 +296,26 @@ export function init() {
     pollNow(300);
   });
 
-  $('zone').addEventListener('change', () => {
-    touch($('zone'));
-    setZone(Number($('zone').value));
-    settle($('zone'));
-    const name = $('zone').selectedOptions[0]?.textContent;
-    toast(target.zone > 0 ? `Playing on ${name}` : 'Playing on this box');
+  $('zone').addEventListener('change', async () => {
+    const select = $('zone');
+    touch(select);
+    const value = select.value;
+    const name = select.selectedOptions[0]?.textContent;
+    let ok = true;
+    if (value.startsWith('box:')) {
+      setZone(0);
+      const mode = value.slice(4);
+      if (mode !== (state.snapcast || 'off')) {
+        ok = (await call('setSnapcast', { mode }).catch(() => undefined))?.snapcast === mode;
+      }
+    } else {
+      setZone(Number(value));
+    }
+    settle(select);
+    toast(ok ? `Playing on ${name}` : 'The music server did not change where it plays');
     shownZones = '';
     render(state);
+    pollNow();
   });
 
   const volume = $('volume');
