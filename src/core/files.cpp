@@ -10,6 +10,8 @@
 #include <map>
 #include <mutex>
 
+#include "core/log.h"
+
 namespace {
 
 // Empties the folder open as dirFd (which this closes), depth first.
@@ -103,4 +105,19 @@ bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*
         close(dir);
     }
     return true;
+}
+
+std::string readSettingWord(const std::string& path, const char* key) {
+    File f(fopen(path.c_str(), "r"));
+    char line[128] = "";
+    if (!f || !fgets(line, sizeof line, f.get())) return "";
+    line[strcspn(line, "\r\n")] = '\0';
+    size_t n = strlen(key);
+    return strncmp(line, key, n) == 0 && line[n] == ' ' ? line + n + 1 : line;
+}
+
+bool writeSettingWord(const std::string& path, const char* key, const char* word) {
+    bool ok = writeFileAtomically(path, [&](FILE* f) { return fprintf(f, "%s %s\n", key, word) > 0; });
+    if (!ok) kzLog("Cannot write %s\n", path.c_str());
+    return ok;
 }

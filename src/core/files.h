@@ -28,3 +28,10 @@ bool fileExists(const std::string& path);
 // and renamed over it: a power cut leaves the old file or the new one, never
 // half of one. write returns false to give up; the old file then stays.
 bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*)>& write);
+
+// The one-line files of settings kept beside kzdb ("repeat album",
+// "snapcast also"): the word after key (a bare word is taken too), "" when
+// the file is not there. Written through writeFileAtomically; a failure is
+// logged and returns false.
+std::string readSettingWord(const std::string& path, const char* key);
+bool writeSettingWord(const std::string& path, const char* key, const char* word);

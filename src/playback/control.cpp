@@ -854,17 +854,10 @@ std::string repeatModePath() {
 
 void loadRepeatMode() {
     std::string path = repeatModePath();
-    if (path.empty()) return;
-    File f(fopen(path.c_str(), "r"));
-    if (!f) return;
-    char line[64] = "";
-    if (!fgets(line, sizeof line, f.get()) || strncmp(line, "repeat ", 7) != 0) {
-        kzLog("%s not understood; repeat is off\n", path.c_str());
-        return;
-    }
-    line[strcspn(line, "\r\n")] = '\0';
+    std::string word = path.empty() ? "" : readSettingWord(path, "repeat");
+    if (word.empty()) return;
     for (int mode : {REPEAT_NONE, REPEAT_ALBUM, REPEAT_TRACK}) {
-        if (strcmp(line + 7, kRepeatWords[mode]) == 0) {
+        if (word == kRepeatWords[mode]) {
             setRepeatMode(mode);
             return;
         }
@@ -874,12 +867,7 @@ void loadRepeatMode() {
 
 bool saveRepeatMode() {
     std::string path = repeatModePath();
-    if (path.empty()) return false;
-    const char* word = kRepeatWords[getRepeatMode()];
-    bool ok =
-        writeFileAtomically(path, [word](FILE* f) { return fprintf(f, "repeat %s\n", word) > 0; });
-    if (!ok) kzLog("Cannot write %s\n", path.c_str());
-    return ok;
+    return !path.empty() && writeSettingWord(path, "repeat", kRepeatWords[getRepeatMode()]);
 }
 
 const char* playModeName() {

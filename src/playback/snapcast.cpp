@@ -321,10 +321,7 @@ bool setSnapcastMode(const char* name) {
     snapcastFeed().setMode(mode);
     kzLog("Snapcast mode %s\n", name);
     std::string path = modePath();
-    if (!path.empty() && !writeFileAtomically(path, [name](FILE* f) {
-            return fprintf(f, "snapcast %s\n", name) > 0;
-        }))
-        kzLog("Cannot write %s\n", path.c_str());
+    if (!path.empty()) writeSettingWord(path, "snapcast", name);
     return true;
 }
 
@@ -342,17 +339,13 @@ bool snapcastOnly() {
 
 void loadSnapcastMode() {
     std::string path = modePath();
-    if (path.empty()) return;
-    File f(fopen(path.c_str(), "r"));
-    if (!f) return;
-    char line[64] = "";
-    if (fgets(line, sizeof line, f.get())) line[strcspn(line, "\r\n")] = '\0';
-    const char* word = strncmp(line, "snapcast ", 9) == 0 ? line + 9 : line;
+    std::string word = path.empty() ? "" : readSettingWord(path, "snapcast");
+    if (word.empty()) return;
     SnapcastMode mode;
-    if (!modeFromName(word, &mode)) {
+    if (!modeFromName(word.c_str(), &mode)) {
         kzLog("%s not understood; Snapcast stays %s\n", path.c_str(), snapcastModeName());
         return;
     }
     snapcastFeed().setMode(mode);
-    if (mode != SnapcastMode::Off) kzLog("Snapcast mode %s\n", word);
+    if (mode != SnapcastMode::Off) kzLog("Snapcast mode %s\n", word.c_str());
 }

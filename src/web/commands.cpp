@@ -1121,7 +1121,7 @@ void webSetSnapcast(const Request& r) {
     char mode[16] = "";
     const char* v = findParameter(r.from, "&mode=");
     if (v) stripPercentagesFromURL(mode, v, sizeof mode);
-    if (setSnapcastMode(mode)) kzLog("Snapcast mode %s\n", mode);
+    setSnapcastMode(mode);
     r.reply->text = keep(std::string("{\"snapcast\":\"") + snapcastModeName() + "\"}");
 }
 

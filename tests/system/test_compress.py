@@ -326,7 +326,9 @@ def test_a_full_disk_pauses_the_job_and_keeps_the_wav(daemon, tmp_path):
     folder = seen("music", "Full", "Disk")
     kz.raw("setCompression&mode=flac")
     kz.d.wait_for("Compression paused: the disk is full")
-    assert kz.json("slowStatus")["background"] == "Compression paused: the disk is full"
+    # The status says so once the job has saved what it had (just after the line).
+    kz.until(lambda: kz.json("slowStatus")["background"] == "Compression paused: the disk is full", 10,
+             "the status to say the job paused")
     assert sorted(os.listdir(folder)) == ["01 Noise.wav"]
     assert seen("music", "Full", "Disk", "01 Noise.wav").read_bytes() == song
     assert kz.tracks() == ["01 Noise"]

@@ -13,7 +13,8 @@ REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
              "hdmi", "airable", "vCache", "equaliser", "bass", "treble", "DLNA", "breadcrumbs",
              "alert", "zone", "sonos", "sonosActive", "vu",
              # Added keys come after the appliance's own.
-             "lookup", "paused", "playMode", "queued", "cddrive", "changes"]
+             "lookup", "paused", "playMode", "queued", "cddrive", "changes", "zones", "snapcast",
+             "snapcastState"]
 SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
 
 

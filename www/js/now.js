@@ -304,10 +304,9 @@ export function init() {
     let ok = true;
     if (value.startsWith('box:')) {
       setZone(0);
+      // Asked every time: the last status may not know the last change yet.
       const mode = value.slice(4);
-      if (mode !== (state.snapcast || 'off')) {
-        ok = (await call('setSnapcast', { mode }).catch(() => undefined))?.snapcast === mode;
-      }
+      ok = (await call('setSnapcast', { mode }).catch(() => undefined))?.snapcast === mode;
     } else {
       setZone(Number(value));
     }
