@@ -2,6 +2,7 @@ import os
 import signal
 import stat
 import subprocess
+import sys
 import time
 
 import fcgi
@@ -62,9 +63,13 @@ def test_decoders_die_with_the_daemon_and_leftovers_end_at_start(daemon, tmp_pat
 
     # A stand-in for a decoder left by a run that died before its children
     # could be tied to it: the next start of the same root ends it.
-    leftover = subprocess.Popen(["python3", "-c", "import time; time.sleep(60)",
-                                 str(root / "tmp" / "kzpipe1")])
+    # The interpreter itself, not a launcher script that execs it by stages
+    # (while a process execs, its command line reads empty); and only once
+    # its command line names the fifo does it stand for a decoder.
+    fifo = str(root / "tmp" / "kzpipe1")
+    leftover = subprocess.Popen([sys.executable, "-c", "import time; time.sleep(60)", fifo])
     try:
+        assert eventually(lambda: fifo.encode() in open(f"/proc/{leftover.pid}/cmdline", "rb").read(), 5)
         d = daemon(root)
         # A busy machine may take a while to reach the decoders' start.
         d.wait_for("Killing leftover decoder", 20)
