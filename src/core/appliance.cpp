@@ -26,7 +26,6 @@ void startFlipping() {}
 void completeUpgrade() {}
 void noatimePatch() {}
 void getFilterparamsPath() {}
-void pollUSBMounting() {}
 void prepareSD() {}
 int createThirdSDPartition() {
     return 0;

@@ -32,7 +32,6 @@ void startFlipping();
 void completeUpgrade();
 void noatimePatch();
 void getFilterparamsPath();
-void pollUSBMounting();
 void prepareSD();
 // Returns 1 when the partition was made (never, until this is built).
 int createThirdSDPartition();

@@ -74,6 +74,15 @@ bool isFolder(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+bool makeFolders(const std::string& path) {
+    if (path.empty() || isFolder(path)) return true;
+    size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !makeFolders(path.substr(0, slash)))
+        return false;
+    if (mkdir(path.c_str(), 0777) == 0 || (errno == EEXIST && isFolder(path))) return true;
+    return false;
+}
+
 bool fileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
@@ -117,7 +126,8 @@ std::string readSettingWord(const std::string& path, const char* key) {
 }
 
 bool writeSettingWord(const std::string& path, const char* key, const char* word) {
-    bool ok = writeFileAtomically(path, [&](FILE* f) { return fprintf(f, "%s %s\n", key, word) > 0; });
+    bool ok =
+        writeFileAtomically(path, [&](FILE* f) { return fprintf(f, "%s %s\n", key, word) > 0; });
     if (!ok) kzLog("Cannot write %s\n", path.c_str());
     return ok;
 }

@@ -22,6 +22,9 @@ int removeFile(const std::string& path);
 // are removed, not followed. 0 when all of it went.
 int removeTree(const std::string& path);
 bool isFolder(const std::string& path);
+// mkdir -p: every missing folder of path (mode 0777 less the umask).
+// False with errno set when one could not be made.
+bool makeFolders(const std::string& path);
 bool fileExists(const std::string& path);
 
 // Writes path through a temporary file in the same folder, flushed, synced

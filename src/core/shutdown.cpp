@@ -24,6 +24,7 @@
 #include "radio/radio.h"
 #include "ripping/compress.h"
 #include "ripping/ripper.h"
+#include "storage/jobs.h"
 #include "web/web.h"
 
 int sleepEnabled = 0;
@@ -45,6 +46,8 @@ struct ExitPlan {
 void runExitSteps(const ExitPlan& plan) {
     // A track half encoded is given up; tracks done wait in the journal.
     stopCompression();
+    // An import lands its album and saves; a backup ends between files.
+    stopStorageJobs();
     scrollOff();
     oled_cls();
     if (plan.screenText) simpleDisplayString(plan.screenText);
@@ -120,6 +123,7 @@ void kTubeQuitProgram() {
 void allStop() {
     kzLog("allStop ()\n");
     stopPlay();
+    stopStorageJobs();
     stopBackgroundJobs();
     if (isRipping()) uiStopRip();
     if (isCleanupRunning()) stopCleanup();

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "core/files.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/storage.h"
 #include "core/ui.h"
 #include "library/database.h"
 #include "library/library.h"
@@ -46,6 +48,15 @@ bool entryIsFolder(DIR* d, const dirent* e) {
     if (e->d_type != DT_UNKNOWN) return false;
     struct stat st;
     return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+}
+
+// A drive's links are never followed: one may point off the drive or back
+// up its own tree.
+bool entryIsFile(DIR* d, const dirent* e) {
+    if (e->d_type == DT_REG) return true;
+    if (e->d_type != DT_UNKNOWN) return false;
+    struct stat st;
+    return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
 }
 
 // kzdb keeps one name a line and at most 249 bytes of it ("artist/album"
@@ -237,9 +248,15 @@ void scanMirror(const std::string& albumPath) {
 }
 
 std::string getUSBMountPoint(int port) {
-    std::string fixed = "/media/usb";
-    fixed += static_cast<char>('a' + (port < 0 || port > 25 ? 0 : port));
-    return hostPath(fixed);
+    return usbDriveRoot(port);
+}
+
+namespace {
+std::atomic<int> usbScanThreads{0};
+}
+
+bool isUSBScanThreadRunning() {
+    return usbScanThreads > 0;
 }
 
 int startScanUSB(int port) {
@@ -247,14 +264,19 @@ int startScanUSB(int port) {
     clearUSBDB();
     scanUSBEnabled = 1;
     usbPort = port;
+    usbScanThreads++;
     bool started = startThread(
         [] {
             scanUSBPath(getUSBMountPoint(usbPort));
             requestRedraw("scanUSB");
             webClientsRefresh();
+            usbScanThreads--;
         },
         "startScanUSB failed to create scanUSBThread\n");
-    if (!started) scanUSBEnabled = 0;
+    if (!started) {
+        scanUSBEnabled = 0;
+        usbScanThreads--;
+    }
     return started ? 1 : 0;
 }
 
@@ -278,7 +300,7 @@ void scanUSBDir(const std::string& path, int depth) {
         if (e->d_name[0] == '$' || e->d_name[0] == '.') continue;
         if (entryIsFolder(d.get(), e)) {
             if (depth != 0) scanUSBDir(path + "/" + e->d_name, depth - 1);
-        } else if (hasMusicExtension(e->d_name)) {
+        } else if (hasMusicExtension(e->d_name) && entryIsFile(d.get(), e)) {
             if (!addUSBTrack(path, e->d_name)) scanUSBEnabled = 0;
         }
     }

@@ -38,6 +38,8 @@ void scanMirror(const std::string& albumPath);
 // The mount point of a USB port: "/media/usba", "/media/usbb", ...
 std::string getUSBMountPoint(int port);
 int startScanUSB(int port);
+// True until the USB scan thread has ended, flag cleared or not.
+bool isUSBScanThreadRunning();
 // Builds the USB library from the folder (the body of the USB scan thread).
 void scanUSBPath(const std::string& mountPoint);
 void scanUSBDir(const std::string& path, int depth);

@@ -41,6 +41,7 @@
 #include "sonos/zones.h"
 #include "web/params.h"
 #include "web/status.h"
+#include "web/usbweb.h"
 #include "web/web.h"
 
 namespace {
@@ -1310,6 +1311,31 @@ void webSonosStatus(const Request& r) {
     r.reply->text = keep(sonosZonesJson());
 }
 
+void webListDir(const Request& r) {
+    r.reply->text = keep(listDirReply(r.uri));
+}
+void webGetTagsForPath(const Request& r) {
+    r.reply->text = keep(tagsForPathReply(r.uri));
+}
+void webUSBImport(const Request& r) {
+    r.reply->text = keep(usbImportReply(r.uri));
+}
+void webUsbDrives(const Request& r) {
+    r.reply->text = keep(usbDrivesReply());
+}
+void webStartBackup(const Request& r) {
+    r.reply->text = keep(startBackupReply(r.uri));
+}
+void webStartRestore(const Request& r) {
+    r.reply->text = keep(startRestoreReply(r.uri));
+}
+void webTidyLibrary(const Request& r) {
+    r.reply->text = keep(tidyLibraryReply());
+}
+void webStorageJob(const Request& r) {
+    r.reply->text = keep(storageJobReply());
+}
+
 void webNotBuilt(const Request& r) {
     kzInfo("web command of a part not built: %s\n", r.from);
     r.reply->text = "[]";
@@ -1426,9 +1452,9 @@ const Command commands[] = {
     {"fileExists", webFileExists},
     {"setTone", webSetTone},
     {"sendKey", webSendKey},
-    {"listDir", webNotBuilt},
-    {"getTagsForPath", webNotBuilt},
-    {"USBImport", webNotBuilt},
+    {"listDir", webListDir},
+    {"getTagsForPath", webGetTagsForPath},
+    {"USBImport", webUSBImport},
     {"seek&pos=", webSeek},
     {"podcast", webNotBuilt},
     {"spotifyd", webNotBuilt},
@@ -1468,6 +1494,11 @@ const Command commands[] = {
     {"discInLibrary", webDiscInLibrary},
     {"albumTiles", webAlbumTiles},
     {"setSnapcast", webSetSnapcast},
+    {"usbDrives", webUsbDrives},
+    {"startBackup", webStartBackup},
+    {"startRestore", webStartRestore},
+    {"tidyLibrary", webTidyLibrary},
+    {"storageJob", webStorageJob},
 };
 
 }  // namespace

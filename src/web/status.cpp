@@ -11,7 +11,9 @@
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/playlists.h"
+#include "library/scan.h"
 #include "library/settings.h"
+#include "library/usb.h"
 #include "playback/cd.h"
 #include "playback/control.h"
 #include "playback/output.h"
@@ -22,6 +24,7 @@
 #include "ripping/lookup.h"
 #include "ripping/ripper.h"
 #include "sonos/zones.h"
+#include "storage/jobs.h"
 #include "web/web.h"
 
 namespace {
@@ -219,7 +222,11 @@ std::string getWebStatusCore(bool full) {
     add(out, ",\"random\":\"%d\"", getRandomMode());
     add(out, ",\"sorted\":\"%d\"", isSorted() ? 1 : 0);
     add(out, ",\"reversed\":\"%d\"", isReversed() ? 1 : 0);
-    addText(out, "background", compressionStatusText().c_str());
+    // A copy the person started speaks before the job that runs by itself.
+    std::string background = storageStatusText();
+    if (background.empty() || (!isStorageJobRunning() && isCompressing()))
+        background = compressionStatusText();
+    addText(out, "background", background.c_str());
     addText(out, "compression", getCompressionText());
     addText(out, "logging", getLoggingText());
     addText(out, "segue", getSegueText());
@@ -264,6 +271,13 @@ std::string getWebStatusCore(bool full) {
     out += ",\"zones\":" + sonosZonesJson();
     addText(out, "snapcast", snapcastModeName());
     addText(out, "snapcastState", snapcastState().c_str());
+    // The USB library: which drive it shows and how much of it is scanned.
+    std::string usb = usbLibraryRoot();
+    addText(out, "usb", usb.empty() ? "" : usb.substr(usb.rfind('/') + 1).c_str());
+    add(out, ",\"usbTracks\":%d", getUSBTrackcount());
+    add(out, ",\"usbAlbums\":%d", getUSBAlbumcount());
+    out += isScanningUSB() ? ",\"usbScanning\":true" : ",\"usbScanning\":false";
+    out += ",\"storageJob\":" + storageJobJson();
     out += "}";
     return out;
 }
