@@ -144,3 +144,177 @@ def test_drive_is_browsed_played_and_forgotten(daemon, tmp_path):
     kz.plug(tmp_path / "away")
     assert kz.status()["usbTracks"] == 7
     assert kz.d.proc.poll() is None
+
+
+def kzdb_albums(root):
+    """The "artist/album" lines of kzdb with their track names."""
+    lines = (hdd(root) / "kzdb").read_text().split("\n")
+    out, i = {}, 2
+    while i < len(lines) and lines[i]:
+        count = int(lines[i + 1].split()[0])
+        out[lines[i]] = sorted(lines[i + 2:i + 2 + count])
+        i += 2 + count
+    return out
+
+
+def same_bytes(a, b):
+    return a.read_bytes() == b.read_bytes()
+
+
+def test_import_places_albums_skips_what_is_there_and_survives_a_pulled_drive(daemon, tmp_path):
+    root = library_root(tmp_path)
+    # The library already holds this artist in other letters: one artist.
+    encode(hdd(root) / "music" / "ARTIST A" / "Album X" / "01 One.mp3", tags={"title": "One"})
+    built = tmp_path / "drive"
+    make_drive(built)
+    # Names the library cannot hold as they are.
+    encode(built / "Bad" / "Star*Album" / "01 Song.mp3")
+    # Many tracks, so that a pull lands in the middle of the copying.
+    for n in range(40):
+        (built / "Big Artist" / "Big Album").mkdir(parents=True, exist_ok=True)
+        (built / "Big Artist" / "Big Album" / f"{n:02d} Noise.wav").write_bytes(
+            os.urandom(1 << 20))
+    kz = Kz(daemon, root)
+    kz.plug(built)
+
+    # One album first, as the USB view asks for it.
+    assert kz.json("USBImport&path=" + quote_all("Artist A/Album X")) == "OK"
+    done = kz.job_done("import")
+    assert "Imported 1 tracks in 1 albums, 1 already there" in done["message"], done
+    music = hdd(root) / "music"
+    assert sorted(p.name for p in (music / "ARTIST A" / "Album X").iterdir()) == \
+        ["01 One.mp3", "02 Two.flac"]
+    assert same_bytes(music / "ARTIST A" / "Album X" / "02 Two.flac",
+                      kz.usb() / "Artist A" / "Album X" / "02 Two.flac")
+    assert not (music / "Artist A").exists()
+    # A busy worker says so rather than starting a second copy.
+    assert kz.json("USBImport&path=" + quote_all("..")) == "OK"
+    kz.job_done("import")
+
+    # The whole drive; pulled out in the middle of the big album.
+    assert kz.json("USBImport") == "OK"
+    kz.until(lambda: kz.json("storageJob")["done"] >= 10, what="the import to be under way")
+    kz.pull(tmp_path / "away")
+    stopped = kz.job_done("import")
+    assert "went away" in stopped["message"] or "stopped" in stopped["message"].lower(), stopped
+    parts = [p for p in music.rglob("*") if p.name.startswith(".kz-import")]
+    assert parts == []
+    # Whatever landed is whole.
+    away = tmp_path / "away"
+    for p in (music / "Big Artist" / "Big Album").glob("*.wav"):
+        assert same_bytes(p, away / "Big Artist" / "Big Album" / p.name), p
+
+    # Back in: the import goes on and ends with every track exactly once.
+    kz.plug(away)
+    assert kz.json("USBImport") == "OK"
+    done = kz.job_done("import", timeout=120)
+    assert done["message"].startswith("Imported"), done
+    for n in range(40):
+        name = f"{n:02d} Noise.wav"
+        assert same_bytes(music / "Big Artist" / "Big Album" / name,
+                          kz.usb() / "Big Artist" / "Big Album" / name)
+    # Loose files are placed by their tags; untagged ones by their folder.
+    assert sorted(p.name for p in (music / "Heap Artist" / "Heap Album").iterdir()) == \
+        ["heap1.mp3", "heap2.flac"]
+    assert (music / "Unknown Artist" / "Loose" / "untagged.mp3").exists()
+    assert (music / "ARTIST~1" / "ALBUM~1" / "TRACK01.MP3").exists()
+    assert (music / "Bad" / "Star_Album" / "01 Song.mp3").exists()
+    assert (music / "Artist A" / "Album Y" / "01 Why.m4a").exists() or \
+        (music / "ARTIST A" / "Album Y" / "01 Why.m4a").exists()
+    # Nothing hidden, nothing behind a link, no junk came over.
+    names = {p.name for p in music.rglob("*")}
+    assert not names & {"._01 One.mp3", ".hidden.mp3", "gone.mp3", "notes.txt", "03 passwd.mp3",
+                        "passwd"}
+    # kzdb lists what the disk holds once the import has saved.
+    albums = kzdb_albums(root)
+    assert albums["Big Artist/Big Album"] == sorted(f"{n:02d} Noise.wav" for n in range(40))
+    assert albums["Heap Artist/Heap Album"] == ["heap1.mp3", "heap2.flac"]
+    assert albums["ARTIST A/Album X"] == ["01 One.mp3", "02 Two.flac"]
+    found = kz.json("search&artists=0&albums=0&count=500&string=Noise")
+    assert len(found) == 40
+
+    # Again: nothing to copy.
+    assert kz.json("USBImport") == "OK"
+    again = kz.job_done("import")
+    assert again["message"].startswith("Imported 0 tracks"), again
+
+
+def tree(folder):
+    """Every file under folder by its relative path, with its bytes."""
+    return {str(p.relative_to(folder)): p.read_bytes() for p in sorted(folder.rglob("*"))
+            if p.is_file() and not p.is_symlink()}
+
+
+def test_backup_is_incremental_resumes_and_restores_every_byte(daemon, tmp_path):
+    root = library_root(tmp_path)
+    music = hdd(root) / "music"
+    for n in range(30):
+        (music / "Big Artist" / "Big Album").mkdir(parents=True, exist_ok=True)
+        (music / "Big Artist" / "Big Album" / f"{n:02d} Noise.wav").write_bytes(os.urandom(1 << 20))
+    # Enough files that a pull lands in the middle of them.
+    for a in range(20):
+        folder = music / "Many" / f"Album {a:02d}"
+        folder.mkdir(parents=True)
+        for t in range(60):
+            (folder / f"{t:02d} Bit.mp3").write_bytes(os.urandom(32768))
+    encode(music / "Small" / "One" / "01 Keep.flac")
+    encode(music / "Small" / "One" / "02 Drop.flac", freq=500)
+    drive = tmp_path / "drive"
+    drive.mkdir()
+    (drive / "Holiday photos").mkdir()
+    (drive / "Holiday photos" / "a.jpg").write_bytes(b"jpeg")
+    kz = Kz(daemon, root)
+    kz.plug(drive)
+    assert kz.json("usbDrives")[0]["lastBackup"] == ""
+    assert kz.json("startBackup") == "Say which drive: &drive=usba"
+
+    # Pulled out in the middle; the next backup goes on.
+    assert kz.json("startBackup&drive=usba") == "OK"
+    deadline = time.monotonic() + 30
+    while kz.json("storageJob")["done"] < 5:
+        assert time.monotonic() < deadline
+    os.rename(kz.usb(), tmp_path / "away")
+    kz.until(lambda: kz.status()["usb"] == "", what="the drive to go")
+    cut = kz.job_done("backup")
+    assert "complete" not in cut["message"], cut
+    kz.plug(tmp_path / "away")
+    assert kz.json("startBackup&drive=usba") == "OK"
+    done = kz.job_done("backup", timeout=120)
+    assert "complete" in done["message"].lower(), done
+    backup = kz.usb() / "kz-backup"
+    assert tree(backup / "music") == tree(music)
+    assert (backup / "state" / "kzdb").read_bytes() == (hdd(root) / "kzdb").read_bytes()
+    assert kz.json("usbDrives")[0]["lastBackup"] != ""
+    # The drive's own files are left alone.
+    assert (kz.usb() / "Holiday photos" / "a.jpg").read_bytes() == b"jpeg"
+
+    # One track gone, one added: the next backup copies one and moves one
+    # to the trash.
+    (music / "Small" / "One" / "02 Drop.flac").unlink()
+    encode(music / "Small" / "One" / "03 New.flac", freq=600)
+    assert kz.json("startBackup&drive=usba") == "OK"
+    done = kz.job_done("backup")
+    assert tree(backup / "music") == tree(music)
+    trashed = [p.name for p in (backup / "trash").rglob("*") if p.is_file()]
+    assert trashed == ["02 Drop.flac"]
+
+    # Damage: an album gone, a track cut short, one changed in place, kzdb
+    # gone. The restore brings every byte back and the library reads it.
+    before = tree(music)
+    shutil.rmtree(music / "Small")
+    big = music / "Big Artist" / "Big Album"
+    with open(big / "03 Noise.wav", "r+b") as f:
+        f.truncate(1000)
+    data = bytearray((big / "04 Noise.wav").read_bytes())
+    data[500] ^= 0xFF
+    (big / "04 Noise.wav").write_bytes(bytes(data))
+    os.utime(big / "04 Noise.wav", (1, 1))
+    (hdd(root) / "kzdb").unlink()
+    assert kz.json("startRestore&drive=usba") == "OK"
+    done = kz.job_done("restore", timeout=120)
+    assert tree(music) == before, done
+    kz.until(lambda: len(kz.json("search&artists=0&albums=0&count=500&string=Noise")) == 30,
+             what="the library to be read again")
+    assert kz.json("search&artists=0&albums=0&count=500&string=Keep")
+    assert (hdd(root) / "kzdb").exists()
+    assert kz.d.proc.poll() is None
