@@ -338,7 +338,9 @@ std::string labelOf(const std::string& node) {
     return label;
 }
 
-bool mountUsb(const std::string& node, const std::string& mountPoint) {
+}  // namespace
+
+bool mountUsbDevice(const std::string& node, const std::string& mountPoint, std::string* type) {
     mkdir(mountPoint.c_str(), 0777);
     struct Kind {
         const char* type;
@@ -357,17 +359,23 @@ bool mountUsb(const std::string& node, const std::string& mountPoint) {
     for (const Kind& k : kinds) {
         if (mount(node.c_str(), mountPoint.c_str(), k.type, flags, k.options) == 0) {
             kzLog("Mounted %s on %s as %s\n", node.c_str(), mountPoint.c_str(), k.type);
+            if (type) *type = k.type;
             return true;
         }
     }
     // Kernels before ntfs3 read NTFS through FUSE.
     if (access("/usr/bin/ntfs-3g", X_OK) == 0 || access("/bin/ntfs-3g", X_OK) == 0) {
         kzLog("Executing ntfs-3g %s %s\n", node.c_str(), mountPoint.c_str());
-        if (runProgram({"ntfs-3g", node, mountPoint, "-o", "umask=000"}) == 0) return true;
+        if (runProgram({"ntfs-3g", node, mountPoint, "-o", "umask=000"}) == 0) {
+            if (type) *type = "ntfs-3g";
+            return true;
+        }
     }
     kzLog("%s did not mount\n", node.c_str());
     return false;
 }
+
+namespace {
 
 // What is plugged in now, as places to hold: the device node, or "" for a
 // free place. Mounting happens here on the appliance.
@@ -387,7 +395,8 @@ std::array<std::string, kUsbPortCount> lookAtUsb() {
             umount2(mp.c_str(), MNT_DETACH);
             kzLog("Unmounted %s from %s\n", usbMounted[i].c_str(), mp.c_str());
         }
-        if (!now[i].empty() && now[i] != usbMounted[i] && !mountUsb(now[i], mp)) now[i].clear();
+        if (!now[i].empty() && now[i] != usbMounted[i] && !mountUsbDevice(now[i], mp, nullptr))
+            now[i].clear();
     }
     return now;
 }

@@ -68,6 +68,9 @@ struct BlockDevice {
     bool usb = false;                     // attached through USB
     std::vector<std::string> partitions;  // "sdb1", ... in order
 };
+// Mounts a drive of any file system the box reads (vfat, exFAT, NTFS, ext),
+// never letting it run programs or hold devices; type tells which it was.
+bool mountUsbDevice(const std::string& node, const std::string& mountPoint, std::string* type);
 std::vector<BlockDevice> readBlockDevices(const std::string& sysBlock);
 // The node to mount: the first partition, or the whole disk when it has none.
 std::string usbDeviceNode(const BlockDevice& d);
