@@ -6,11 +6,12 @@ import * as playlists from './playlists.js';
 import * as cd from './cd.js';
 import * as radio from './radio.js';
 import * as upload from './upload.js';
+import * as usb from './usb.js';
 import * as settings from './settings.js';
 import { subscribe, setFast, pollNow } from './status.js';
 import { emit } from './ui.js';
 
-const views = { now, library, playlists, cd, radio, upload, settings };
+const views = { now, library, playlists, cd, radio, usb, upload, settings };
 // The views that show time or progress follow the full status every second.
 const FAST_VIEWS = new Set(['now', 'cd', 'radio']);
 const $ = (id) => document.getElementById(id);

@@ -1,6 +1,6 @@
 // Settings: playback, library order, ripping, tone presets, logging, the
 // library rescan and the daemon's recent log.
-import { act, call } from './api.js';
+import { act, call, list } from './api.js';
 import { state, subscribe, pollNow } from './status.js';
 import { emit, fmtBytes, h, toast } from './ui.js';
 
@@ -42,12 +42,61 @@ export const COMPRESSION_ABOUT = {
 
 function renderCompression(s) {
   $('compression-about').textContent = COMPRESSION_ABOUT[$('set-compression').value] || '';
-  const job = String(s.background || '');
+  // The background line speaks for a copy the person started before the
+  // compression; that copy has its own line under Backup.
+  const copy = s.storageJob?.message;
+  const job = copy && s.background === copy ? '' : String(s.background || '');
   $('compression-progress').textContent = job || 'Nothing to compress right now.';
   $('compress-now').disabled = $('set-compression').value === 'none';
 }
 
+// The drives to back up to, each with the date of its last backup.
+let drives = [];
+async function loadDrives() {
+  drives = (await list('usbDrives').catch(() => null)) || [];
+  const select = $('backup-drive');
+  const chosen = select.value;
+  select.replaceChildren(...drives.map((d) => h('option', { value: d.drive, text: `${d.name} (${fmtBytes(d.free)} free)` })));
+  if (drives.some((d) => d.drive === chosen)) select.value = chosen;
+  renderBackup(state);
+}
+
+function renderBackup(s) {
+  const drive = drives.find((d) => d.drive === $('backup-drive').value);
+  const job = s.storageJob;
+  const busy = !!job?.running;
+  $('backup-last').textContent = !drives.length
+    ? 'Plug a USB drive into the box to back the library up to it.'
+    : drive?.lastBackup
+      ? `Last backup to this drive: ${drive.lastBackup}`
+      : 'This drive holds no backup yet.';
+  $('backup-drive').disabled = !drives.length;
+  $('backup-now').disabled = $('restore-now').disabled = !drives.length || busy;
+  $('tidy-now').disabled = busy;
+  const mine = job && ['backup', 'restore', 'tidy'].includes(job.job);
+  $('backup-progress').textContent = mine ? job.message : '';
+  $('backup-bar').hidden = !(mine && job.running && job.job !== 'tidy');
+  if (mine) {
+    $('backup-bar').max = job.bytesTotal || 1;
+    $('backup-bar').value = job.bytesDone;
+  }
+}
+
+let lastUsb;
+let lastEnd;
+function followDrives(s) {
+  // A drive plugged in or pulled out, or a job just ended (a backup's new
+  // date): a short job may start and end between two polls.
+  const job = s.storageJob;
+  const end = job && !job.running ? `${job.job}:${job.message}` : lastEnd;
+  if (s.usb !== lastUsb || end !== lastEnd) loadDrives();
+  lastUsb = s.usb;
+  lastEnd = end;
+}
+
 function render(s) {
+  followDrives(s);
+  renderBackup(s);
   const set = (el, fn) => {
     if (!fresh(el)) fn(el);
   };
@@ -200,6 +249,19 @@ export function init() {
     }, 3000);
   });
 
+  $('backup-drive').addEventListener('change', () => renderBackup(state));
+  const job = (command, params, started) => async () => {
+    const reply = await call(command, params()).catch(() => undefined);
+    toast(reply === 'OK' ? started : String(reply || 'The music server did not answer'));
+    pollNow(300);
+  };
+  $('backup-now').addEventListener('click', job('startBackup', () => ({ drive: $('backup-drive').value }), 'Backing up the library'));
+  const restore = job('startRestore', () => ({ drive: $('backup-drive').value }), 'Restoring the library');
+  $('restore-now').addEventListener('click', () => {
+    if (confirm('Restore the library from this drive? Playback stops, and tracks missing or damaged in the library are copied back from the backup.')) restore();
+  });
+  $('tidy-now').addEventListener('click', job('tidyLibrary', () => ({}), 'Tidying the library'));
+
   $('log-refresh').addEventListener('click', loadLog);
   $('log-copy').addEventListener('click', async () => {
     const text = $('debug-log').textContent;
@@ -220,6 +282,7 @@ export function init() {
 }
 
 export function show() {
+  loadDrives();
   render(state);
   loadInfo();
   loadClassical();
