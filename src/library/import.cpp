@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "core/files.h"
 #include "core/log.h"
@@ -23,7 +25,13 @@ namespace {
 
 constexpr int kDeepest = 7;  // as deep as the USB scan looks
 constexpr size_t kBlock = 1 << 20;
-constexpr const char* kPart = ".kz-import.part";
+// How much is copied between two syncs: each sync costs as much as copying
+// tens of megabytes, and a person waits a few seconds at most to see an
+// album in the library.
+constexpr long long kBatchBytes = 256LL << 20;
+constexpr size_t kBatchFiles = 1000;
+constexpr auto kBatchTime = std::chrono::seconds(5);
+constexpr const char* kPart = ".kz-import-part";
 // One line of kzdb holds "artist/album" or a track name.
 constexpr size_t kArtistMost = 100;
 constexpr size_t kAlbumMost = 140;
@@ -40,6 +48,12 @@ struct Album {
     std::string artist, album;
     std::vector<Source> files;
 };
+
+std::string lower(std::string s) {
+    for (char& c : s)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return s;
+}
 
 bool skippedName(const char* name) {
     return name[0] == '.' || name[0] == '$';
@@ -154,12 +168,6 @@ Copy copyFile(const std::string& from, const std::string& to, const std::atomic<
         if (n == 0) break;
         progress.bytesDone += n;
     }
-    // The track is on the disk before its name is: a power cut leaves the
-    // part file, which the next import removes, never half a track.
-    if (result == Copy::Done && fdatasync(out) != 0) {
-        *error = errno;
-        result = Copy::WriteFailed;
-    }
     if (close(out) != 0 && result == Copy::Done) {
         *error = errno;
         result = Copy::WriteFailed;
@@ -247,8 +255,10 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
             folders.push_back(rel.substr(at, slash - at));
             at = slash + 1;
         }
+        // The drive's root may itself be a link (a folder shared in host
+        // mode); links below it are never followed.
         struct stat st;
-        if (lstat(path.c_str(), &st) != 0) {
+        if ((rel.empty() ? stat(path.c_str(), &st) : lstat(path.c_str(), &st)) != 0) {
             kzLog("Import cannot find %s\n", path.c_str());
             continue;
         }
@@ -290,9 +300,57 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
     progress.planning = false;
 
     const std::string music = getMusicDirectory();
-    for (const auto& key : order) {
+    // Tracks are copied under part names, and get their names in batches
+    // once one sync has put the batch on the disk: a power cut leaves part
+    // files, never half a track under its name. An album joins the library
+    // with the batch that ends it.
+    struct Landed {
+        std::string part, target;
+        size_t album;
+    };
+    std::vector<Landed> landed;
+    long long landedBytes = 0;
+    std::vector<size_t> waiting;  // albums whose last tracks are in the batch
+    std::vector<int> copiedIn(order.size(), 0);
+    auto batchStart = std::chrono::steady_clock::now();
+    auto flush = [&] {
+        bool synced = true;
+        if (!landed.empty()) {
+            int fd = open(music.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            synced = fd >= 0 && syncfs(fd) == 0;
+            if (fd >= 0) close(fd);
+        }
+        for (const Landed& l : landed) {
+            if (synced && rename(l.part.c_str(), l.target.c_str()) == 0) {
+                kzLog("Imported %s\n", l.target.c_str());
+                copiedIn[l.album]++;
+                result.copied++;
+            } else {
+                kzLog("Import cannot name %s: %s\n", l.target.c_str(), strerror(errno));
+                unlink(l.part.c_str());
+                result.failed++;
+            }
+        }
+        landed.clear();
+        landedBytes = 0;
+        for (size_t i : waiting) {
+            const Album& done = albums[order[i]];
+            if (copiedIn[i] > 0) {
+                result.albums++;
+                addArtistToDb(done.artist.c_str());
+                scanAlbum(done.album.c_str(), done.artist.c_str());
+            } else {
+                // An album folder made for nothing goes again.
+                rmdir((music + "/" + done.artist + "/" + done.album).c_str());
+                rmdir((music + "/" + done.artist).c_str());
+            }
+        }
+        waiting.clear();
+        batchStart = std::chrono::steady_clock::now();
+    };
+    for (size_t index = 0; index < order.size(); index++) {
         if (stop) break;
-        Album& a = albums[key];
+        Album& a = albums[order[index]];
         std::string folder = music + "/" + a.artist + "/" + a.album;
         if (!makeFolders(folder)) {
             result.ok = false;
@@ -300,15 +358,26 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
             kzLog("%s\n", result.message.c_str());
             break;
         }
-        std::string part = folder + "/" + kPart;
-        unlink(part.c_str());
-        int copied = 0;
+        // Names the folder holds already, in any letter case: the library
+        // takes "01 a.mp3" and "01 A.mp3" for one track. A part file there
+        // is a cut-off run's.
+        std::set<std::string> taken;
+        if (DIR* d = opendir(folder.c_str())) {
+            while (dirent* e = readdir(d)) {
+                if (strncmp(e->d_name, kPart, strlen(kPart)) == 0) {
+                    unlinkat(dirfd(d), e->d_name, 0);
+                } else {
+                    taken.insert(lower(e->d_name));
+                }
+            }
+            closedir(d);
+        }
         for (const Source& s : a.files) {
             if (stop) break;
             std::string name = libraryName(s.name, kTrackMost, true);
             std::string target = folder + "/" + name;
-            long long have = sizeOf(target);
-            if (have >= 0) {
+            if (taken.count(lower(name))) {
+                long long have = sizeOf(target);
                 if (have != s.size)
                     kzLog("Import keeps the library's %s: the drive's differs\n", target.c_str());
                 result.skipped++;
@@ -316,24 +385,19 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
                 progress.bytesDone += s.size;
                 continue;
             }
+            std::string part = folder + "/" + kPart + std::to_string(landed.size());
             int error = 0;
             long long before = progress.bytesDone;
             Copy c = copyFile(s.path, part, stop, progress, &error);
-            if (c == Copy::Done && rename(part.c_str(), target.c_str()) != 0) {
-                error = errno;
-                c = Copy::WriteFailed;
-            }
-            if (c != Copy::Done) {
-                unlink(part.c_str());
-                progress.bytesDone = before + s.size;
-            }
             progress.filesDone++;
             if (c == Copy::Done) {
-                kzLog("Imported %s\n", target.c_str());
-                copied++;
-                result.copied++;
+                landed.push_back({part, target, index});
+                landedBytes += s.size;
+                taken.insert(lower(name));
                 continue;
             }
+            unlink(part.c_str());
+            progress.bytesDone = before + s.size;
             if (c == Copy::Stopped) break;
             if (c == Copy::ReadFailed && error != EIO && error != ENODEV && error != ENOENT) {
                 kzLog("Import cannot read %s: %s\n", s.path.c_str(), strerror(error));
@@ -352,17 +416,15 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
             kzLog("%s (%s)\n", result.message.c_str(), s.path.c_str());
             break;
         }
-        if (copied > 0) {
-            result.albums++;
-            addArtistToDb(a.artist.c_str());
-            scanAlbum(a.album.c_str(), a.artist.c_str());
-        } else {
-            // An album folder made for nothing goes again.
-            rmdir(folder.c_str());
-            rmdir((music + "/" + a.artist).c_str());
-        }
+        waiting.push_back(index);
         if (!result.ok) break;
+        if (landedBytes >= kBatchBytes || landed.size() >= kBatchFiles ||
+            std::chrono::steady_clock::now() - batchStart >= kBatchTime) {
+            flush();
+        }
     }
+    // What landed whole before a stop or a fault keeps its place.
+    flush();
     result.stopped = stop.load();
     if (result.ok && result.stopped) result.message = "Import stopped";
     if (result.ok && !result.stopped) {

@@ -170,10 +170,10 @@ def test_import_places_albums_skips_what_is_there_and_survives_a_pulled_drive(da
     # Names the library cannot hold as they are.
     encode(built / "Bad" / "Star*Album" / "01 Song.mp3")
     # Many tracks, so that a pull lands in the middle of the copying.
-    for n in range(40):
+    for n in range(150):
         (built / "Big Artist" / "Big Album").mkdir(parents=True, exist_ok=True)
-        (built / "Big Artist" / "Big Album" / f"{n:02d} Noise.wav").write_bytes(
-            os.urandom(1 << 20))
+        (built / "Big Artist" / "Big Album" / f"{n:03d} Noise.wav").write_bytes(
+            os.urandom(1 << 19))
     kz = Kz(daemon, root)
     kz.plug(built)
 
@@ -193,10 +193,12 @@ def test_import_places_albums_skips_what_is_there_and_survives_a_pulled_drive(da
 
     # The whole drive; pulled out in the middle of the big album.
     assert kz.json("USBImport") == "OK"
-    kz.until(lambda: kz.json("storageJob")["done"] >= 10, what="the import to be under way")
+    deadline = time.monotonic() + 30
+    while kz.json("storageJob")["done"] < 10:
+        assert time.monotonic() < deadline
     kz.pull(tmp_path / "away")
     stopped = kz.job_done("import")
-    assert "went away" in stopped["message"] or "stopped" in stopped["message"].lower(), stopped
+    assert "went away" in stopped["message"], stopped
     parts = [p for p in music.rglob("*") if p.name.startswith(".kz-import")]
     assert parts == []
     # Whatever landed is whole.
@@ -209,8 +211,8 @@ def test_import_places_albums_skips_what_is_there_and_survives_a_pulled_drive(da
     assert kz.json("USBImport") == "OK"
     done = kz.job_done("import", timeout=120)
     assert done["message"].startswith("Imported"), done
-    for n in range(40):
-        name = f"{n:02d} Noise.wav"
+    for n in range(150):
+        name = f"{n:03d} Noise.wav"
         assert same_bytes(music / "Big Artist" / "Big Album" / name,
                           kz.usb() / "Big Artist" / "Big Album" / name)
     # Loose files are placed by their tags; untagged ones by their folder.
@@ -227,11 +229,11 @@ def test_import_places_albums_skips_what_is_there_and_survives_a_pulled_drive(da
                         "passwd"}
     # kzdb lists what the disk holds once the import has saved.
     albums = kzdb_albums(root)
-    assert albums["Big Artist/Big Album"] == sorted(f"{n:02d} Noise.wav" for n in range(40))
+    assert albums["Big Artist/Big Album"] == sorted(f"{n:03d} Noise.wav" for n in range(150))
     assert albums["Heap Artist/Heap Album"] == ["heap1.mp3", "heap2.flac"]
     assert albums["ARTIST A/Album X"] == ["01 One.mp3", "02 Two.flac"]
     found = kz.json("search&artists=0&albums=0&count=500&string=Noise")
-    assert len(found) == 40
+    assert len(found) == 150
 
     # Again: nothing to copy.
     assert kz.json("USBImport") == "OK"
