@@ -10,6 +10,8 @@
 // quit, drive pulled out, power cut) and the next one goes on from there:
 // every file is written under a temporary name in its destination folder and
 // renamed when whole, so a real name never holds half a file.
+// One run at a time per drive and library: two would share the temporary
+// names.
 #pragma once
 
 #include <atomic>
