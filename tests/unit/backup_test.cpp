@@ -375,12 +375,12 @@ TEST_F(BackupTest, ADriveThatGoesAwayEndsTheRunAndTheNextOneGoesOn) {
     EXPECT_FALSE(fs::exists(drive));
 }
 
-TEST_F(BackupTest, AFullDriveEndsTheRunWithItsMessageAndRemovesThePartialFile) {
+TEST_F(BackupTest, AFullDiskEndsTheRunWithItsMessageAndRemovesThePartialFile) {
     writeAll(music("A/B/01.flac"), randomBytes(3 << 20, 1));
     writeAll(music("A/B/02.flac"), randomBytes(3 << 20, 2));
     writeAll(music("A/B/03.flac"), randomBytes(4 << 20, 3));
     writeAll(library / "kzdb", "tracks");
-    // A real full file system: a small tmpfs as the drive, in a mount
+    // Real full file systems: small tmpfs as the drive, then as the library, in a mount
     // namespace of the child's own so that nothing shows outside.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
@@ -403,6 +403,17 @@ TEST_F(BackupTest, AFullDriveEndsTheRunWithItsMessageAndRemovesThePartialFile) {
         fs::resize_file(music("A/B/01.flac"), 10);
         r = backup();
         if (!r.ok() || r.filesCopied != 2) bad |= 64;
+        // A restore onto a library disk that fills up says which one is full.
+        const fs::path small = base / "small";
+        fs::create_directories(small);
+        if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=5m") != 0) _exit(77);
+        r = runRestore({small.string(), drive.string(), &stop, &progress});
+        if (r.outcome != BackupOutcome::DriveFull || r.message != "The library's disk is full") {
+            bad |= 128;
+        }
+        if (countTemps(small) != 0 || !partialCopies(library / "music", small / "music").empty()) {
+            bad |= 128;
+        }
         _exit(bad);
     }
     int status = 0;
