@@ -40,12 +40,13 @@ run: build
 
 # Figures go to the terminal; inputs are generated once under build/bench-data.
 bench: bench-deps build
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench playback_bench commands_bench compress_bench kz_bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target library_bench ripper_bench playback_bench commands_bench compress_bench backup_bench kz_bench
 	@$(BUILD_DIR)/library_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/ripper_bench $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/compress_bench $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/playback_bench $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/commands_bench $(BUILD_DIR)/bench-data
+	@$(BUILD_DIR)/backup_bench $(BUILD_DIR)/bench-data
 	@/usr/bin/python3 bench/web_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@KZ_BIN=$(BUILD_DIR)/kz node bench/web_pages_bench.mjs
 	@KZ_BIN=$(BUILD_DIR)/kz node bench/grid_bench.mjs

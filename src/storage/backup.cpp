@@ -748,6 +748,11 @@ BackupResult Run::done() {
             r_.message +=
                 ", " + std::to_string(r_.filesFailed) + " could not be copied (see the log)";
         }
+        // What a restore did not put back because the library holds
+        // something else under that name.
+        if (restore_ && r_.filesSkipped > 0) {
+            r_.message += ", " + std::to_string(r_.filesSkipped) + " left alone (see the log)";
+        }
     }
     kzLog("%s\n", r_.message.c_str());
     if (job_.progress) job_.progress->phase = BackupPhase::Done;

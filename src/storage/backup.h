@@ -10,6 +10,8 @@
 // quit, drive pulled out, power cut) and the next one goes on from there:
 // every file is written under a temporary name in its destination folder and
 // renamed when whole, so a real name never holds half a file.
+// One run at a time per drive and library: two would share the temporary
+// names.
 #pragma once
 
 #include <atomic>
@@ -52,7 +54,7 @@ struct BackupResult {
     long long stateFiles = 0;      // kz* state files copied
     long long filesUnchanged = 0;  // already equal, left as they were
     long long filesTrashed = 0;    // files and folders moved to the trash (backup only)
-    long long filesSkipped = 0;    // links, devices, sockets, names that cannot be
+    long long filesSkipped = 0;    // links, fifos, devices, sockets: never copied
     long long filesFailed = 0;     // could not be read or written; logged one by one
 
     bool ok() const { return outcome == BackupOutcome::Done; }
