@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "ripping/compress.h"
+#include "storage/jobs.h"
 
 void init_fonts() {}
 void initJpeg() {}
@@ -75,6 +76,6 @@ bool uploadUnderWay() {
 bool doingSomethingInBackground() {
     // An upload arrives in pieces with pauses between them: the appliance
     // must not fall asleep in the middle of one.
-    return uploadUnderWay() || isCompressing();
+    return uploadUnderWay() || isCompressing() || isStorageJobRunning();
 }
 void stopBackgroundJobs() {}
