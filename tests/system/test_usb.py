@@ -10,6 +10,7 @@ import urllib.parse
 
 import pytest
 
+import kzdaemon
 from client import Client
 
 
@@ -319,4 +320,36 @@ def test_backup_is_incremental_resumes_and_restores_every_byte(daemon, tmp_path)
              what="the library to be read again")
     assert kz.json("search&artists=0&albums=0&count=500&string=Keep")
     assert (hdd(root) / "kzdb").exists()
+    assert kz.d.proc.poll() is None
+
+
+def test_a_full_library_disk_stops_the_import_with_whole_tracks_only(daemon, tmp_path):
+    if subprocess.run(["unshare", "-m", "true"], capture_output=True).returncode != 0:
+        pytest.skip("no mount namespace here")
+    root = tmp_path / "root"
+    hdd_dir = hdd(root)
+    hdd_dir.mkdir(parents=True)
+    built = tmp_path / "drive"
+    for n in range(8):
+        (built / "Full Artist" / "Full Album").mkdir(parents=True, exist_ok=True)
+        (built / "Full Artist" / "Full Album" / f"{n:02d} Big.wav").write_bytes(os.urandom(1 << 20))
+    # The library on a 5 MB file system of its own, in the daemon's mount
+    # namespace: the eight tracks cannot all fit.
+    script = ('mount -t tmpfs -o size=5m kz "$KZ_DISK" && mkdir -p "$KZ_DISK/music/Old/Album" && '
+              'exec "$0"')
+    kz = Kz(daemon, root, env={"KZ_DISK": str(hdd_dir)},
+            command=["unshare", "-m", "sh", "-c", script, kzdaemon.KZ_BIN])
+    seen = pathlib.Path(f"/proc/{kz.d.proc.pid}/root{hdd_dir}")
+    kz.plug(built)
+    assert kz.json("USBImport") == "OK"
+    done = kz.job_done("import")
+    assert done["message"] == "Import stopped: the library's disk is full", done
+    album = seen / "music" / "Full Artist" / "Full Album"
+    names = sorted(os.listdir(album))
+    assert 0 < len(names) < 8 and all(n.endswith(" Big.wav") for n in names), names
+    for n in names:
+        assert (album / n).read_bytes() == (kz.usb() / "Full Artist" / "Full Album" / n).read_bytes()
+    # The library holds exactly what landed.
+    found = sorted(t["track"] for t in kz.json("search&artists=0&albums=0&count=50&string=Big"))
+    assert found == [n[:-4] for n in names]
     assert kz.d.proc.poll() is None
