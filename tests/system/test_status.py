@@ -14,7 +14,7 @@ REST = ["seconds", "btstatus", "cdstatus", "cdloaded",
              "alert", "zone", "sonos", "sonosActive", "vu",
              # Added keys come after the appliance's own.
              "lookup", "paused", "playMode", "queued", "cddrive", "changes", "zones", "snapcast",
-             "snapcastState"]
+             "snapcastState", "usb", "usbTracks", "usbAlbums", "usbScanning", "storageJob"]
 SLOW_ONLY_MISSING = ("duration", "timeLeft", "timeIntoTrack", "seconds", "time", "vu")
 
 
