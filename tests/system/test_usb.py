@@ -353,3 +353,28 @@ def test_a_full_library_disk_stops_the_import_with_whole_tracks_only(daemon, tmp
     found = sorted(t["track"] for t in kz.json("search&artists=0&albums=0&count=50&string=Big"))
     assert found == [n[:-4] for n in names]
     assert kz.d.proc.poll() is None
+
+
+def test_a_drive_pulled_during_its_scan_leaves_nothing_behind(daemon, tmp_path):
+    root = library_root(tmp_path)
+    built = tmp_path / "drive"
+    for a in range(40):
+        for b in range(10):
+            album = built / f"Artist {a}" / f"Album {b}"
+            album.mkdir(parents=True)
+            for t in range(25):
+                (album / f"{t:02d} S.mp3").touch()
+    kz = Kz(daemon, root)
+    os.rename(built, kz.usb())
+    # Pulled as soon as the scan shows; whether it had ended or not, the
+    # USB library must end empty, and full again once the drive is back.
+    while not (s := kz.status())["usbScanning"] and s["usbTracks"] == 0:
+        time.sleep(0.002)
+    os.rename(kz.usb(), tmp_path / "away")
+    kz.until(lambda: kz.status()["usb"] == "", what="the drive to go")
+    time.sleep(1.5)
+    s = kz.status()
+    assert (s["usb"], s["usbTracks"], s["usbAlbums"], s["usbScanning"]) == ("", 0, 0, False)
+    kz.plug(tmp_path / "away")
+    assert kz.status()["usbTracks"] == 10000
+    assert len(kz.json("listDir&path=" + quote_all("Artist 3/Album 4"))["files"]) == 25
