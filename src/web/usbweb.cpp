@@ -192,20 +192,26 @@ std::string usbDrivesReply() {
     return out + "]";
 }
 
-std::string startBackupReply(const char* uri) {
+namespace {
+
+// Backup and restore name their drive: the wrong one would be worse than
+// none.
+std::string startOnNamedDrive(const char* uri, bool (*start)(const std::string&, std::string*)) {
     if (!findParameter(uri, "&drive=")) return "\"Say which drive: &drive=usba\"";
     std::string drive = driveOf(uri);
     if (drive.empty()) return "\"No USB drive\"";
     std::string why;
-    return startBackupJob(drive, &why) ? "\"OK\"" : text(why);
+    return start(drive, &why) ? "\"OK\"" : text(why);
+}
+
+}  // namespace
+
+std::string startBackupReply(const char* uri) {
+    return startOnNamedDrive(uri, startBackupJob);
 }
 
 std::string startRestoreReply(const char* uri) {
-    if (!findParameter(uri, "&drive=")) return "\"Say which drive: &drive=usba\"";
-    std::string drive = driveOf(uri);
-    if (drive.empty()) return "\"No USB drive\"";
-    std::string why;
-    return startRestoreJob(drive, &why) ? "\"OK\"" : text(why);
+    return startOnNamedDrive(uri, startRestoreJob);
 }
 
 std::string tidyLibraryReply() {
