@@ -5,7 +5,7 @@ ARM64_DIR    := build-arm64
 JOBS         ?= 2
 CMAKE_GEN    := -G Ninja
 
-.PHONY: all deps test-deps bench-deps arm64-deps build sanitize arm64 arm64-build test run format bench fuzz clean
+.PHONY: all deps test-deps bench-deps arm64-deps deb-deps build sanitize arm64 arm64-build deb deb-check test run format bench fuzz clean
 
 all: build
 
@@ -22,6 +22,9 @@ bench-deps:
 
 arm64-deps:
 	@scripts/install-deps arm64
+
+deb-deps:
+	@scripts/install-deps deb
 
 build: deps
 	@cmake -S . -B $(BUILD_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -40,6 +43,22 @@ arm64-build:
 	@cmake -S . -B $(ARM64_DIR) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 		-DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DKZ_SYSTEM_TESTS=OFF >/dev/null
 	@cmake --build $(ARM64_DIR) -j $(JOBS) --target kz kz_unit_tests
+
+# kz_VERSION_ARCH.deb in the build folder of ARCH (amd64: build/, arm64:
+# build-arm64/); README: "Install on a Raspberry Pi or any Debian machine".
+HOST_ARCH := $(shell dpkg --print-architecture)
+ARCH      ?= $(HOST_ARCH)
+CROSS     := $(and $(filter arm64,$(ARCH)),$(filter-out arm64,$(HOST_ARCH)))
+DEB_DIR   := $(if $(CROSS),$(ARM64_DIR),$(BUILD_DIR))
+deb: deb-deps $(if $(CROSS),arm64,build)
+	@scripts/make-deb $(ARCH) $(DEB_DIR)
+
+# The amd64 package installed into a Debian 12 root made by debootstrap
+# (kept in build/deb-root): apt-get brings its Depends, lighttpd serves the
+# page, and a real systemd runs the unit. Not part of `make test`: the root
+# and ffmpeg's libraries take minutes to download and install.
+deb-check: test-deps deb
+	@/usr/bin/python3 -m pytest -q -s -p no:cacheprovider tests/package/test_install.py
 
 # The sanitizer build runs the unit tests first, one at a time (some decode
 # audio against the clock, and sanitized code is slow); the last line printed
