@@ -44,6 +44,11 @@
 #include "web/usbweb.h"
 #include "web/web.h"
 
+// The version is the project's, from CMakeLists.txt (the package has the same).
+#ifndef KZ_VERSION
+#define KZ_VERSION "0"
+#endif
+
 namespace {
 
 // What a handler is given: the whole URI, the text right after the command
@@ -529,22 +534,22 @@ void webGetWebInfo(const Request& r) {
     double used = static_cast<double>(vfs.f_blocks - vfs.f_bfree) * vfs.f_frsize / gb;
     const Library& l = lib();
     char out[1024];
-    snprintf(out, sizeof out,
-             "{\"version\":\"%s\",\"tracks\":\"%d\",\"albums\":\"%d\",\"artists\":\"%d\","
-             "\"USBTracks\":\"%d\",\"USBAlbums\":\"%d\",\"USBArtists\":\"%d\",\"wavs\":\"%d\","
-             "\"flacs\":\"%d\",\"mp3s\":\"%d\",\"aacs\":\"%d\",\"capacity\":\"%.2f\","
-             "\"videos\":\"%d\",\"used\":\"%.2f\",\"trackSpaceUsed\":\"%d\","
-             "\"albumSpaceUsed\":\"%d\",\"artistSpaceUsed\":\"%d\",\"trackSpace\":\"%d\","
-             "\"albumSpace\":\"%d\",\"artistSpace\":\"%d\",\"maxTracks\":\"%d\","
-             "\"maxAlbums\":\"%d\",\"maxArtists\":\"%d\"}",
-             "kz 0.1", getTrackCount(), getAlbumCount(), getArtistCount(), getUSBTrackcount(),
-             getUSBAlbumcount(), getUSBArtistcount(), wavs, flacs, mp3s, aacs, capacity, 0, used,
-             static_cast<int>(l.local.trackHeap.used()), static_cast<int>(l.local.albumHeap.used()),
-             static_cast<int>(l.local.artistHeap.used()),
-             static_cast<int>(l.local.trackHeap.capacity()),
-             static_cast<int>(l.local.albumHeap.capacity()),
-             static_cast<int>(l.local.artistHeap.capacity()), getMaxTracks(), getMaxAlbums(),
-             getMaxArtists());
+    snprintf(
+        out, sizeof out,
+        "{\"version\":\"%s\",\"tracks\":\"%d\",\"albums\":\"%d\",\"artists\":\"%d\","
+        "\"USBTracks\":\"%d\",\"USBAlbums\":\"%d\",\"USBArtists\":\"%d\",\"wavs\":\"%d\","
+        "\"flacs\":\"%d\",\"mp3s\":\"%d\",\"aacs\":\"%d\",\"capacity\":\"%.2f\","
+        "\"videos\":\"%d\",\"used\":\"%.2f\",\"trackSpaceUsed\":\"%d\","
+        "\"albumSpaceUsed\":\"%d\",\"artistSpaceUsed\":\"%d\",\"trackSpace\":\"%d\","
+        "\"albumSpace\":\"%d\",\"artistSpace\":\"%d\",\"maxTracks\":\"%d\","
+        "\"maxAlbums\":\"%d\",\"maxArtists\":\"%d\"}",
+        "kz " KZ_VERSION, getTrackCount(), getAlbumCount(), getArtistCount(), getUSBTrackcount(),
+        getUSBAlbumcount(), getUSBArtistcount(), wavs, flacs, mp3s, aacs, capacity, 0, used,
+        static_cast<int>(l.local.trackHeap.used()), static_cast<int>(l.local.albumHeap.used()),
+        static_cast<int>(l.local.artistHeap.used()), static_cast<int>(l.local.trackHeap.capacity()),
+        static_cast<int>(l.local.albumHeap.capacity()),
+        static_cast<int>(l.local.artistHeap.capacity()), getMaxTracks(), getMaxAlbums(),
+        getMaxArtists());
     r.reply->text = keep(out);
 }
 
