@@ -203,8 +203,10 @@ TEST_F(RipperTest, DamagedImagesAndStoppedRips) {
     EXPECT_FALSE(fs::exists(root + "/music/Unknown/Album 2/02 track2.wav"));
     fs::remove_all(root + "/music/Unknown/Album 2");
 
-    // Stopping in the third minute deletes the track.
-    makeImage({{75 * 150, 440}});
+    // Stopping in the third minute deletes the track. The disc runs to ten
+    // minutes, so that a loaded machine cannot finish the rip between the
+    // progress seen and the stop.
+    makeImage({{75 * 600, 440}});
     ASSERT_EQ(startRip(), 1);
     while (isRipping() && getCDProgress().done < 75 * 125)
         std::this_thread::yield();
