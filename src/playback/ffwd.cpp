@@ -14,6 +14,7 @@
 
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
 #include "ripping/wav.h"
@@ -155,9 +156,8 @@ size_t FetchFeeder::readBlock(FeedTrack& t, char* block, size_t size) {
     // The headers alone, then whole frames: every block ends on a frame, so
     // a seek that lands on a frame keeps the decoder in step (a half frame
     // before the jump would shift every sample after it).
-    long long want = at < t.dataStart
-                         ? t.dataStart - at
-                         : static_cast<long long>(size) / t.blockAlign * t.blockAlign;
+    long long want = at < t.dataStart ? t.dataStart - at
+                                      : static_cast<long long>(size) / t.blockAlign * t.blockAlign;
     want = std::min({want, static_cast<long long>(size), t.dataEnd - at});
     size_t n = fread(block, 1, static_cast<size_t>(want), t.file);
     // The data chunk's byte count, wherever it falls in this block.
@@ -167,6 +167,7 @@ size_t FetchFeeder::readBlock(FeedTrack& t, char* block, size_t size) {
 }
 
 void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track) {
+    nameThread(channel == 0 ? "kz-feeder0" : "kz-feeder1");
     kzLog("ffwdThreadCode3 started channel = %d\n", channel);
     FeederChannel& c = channels_[channel];
     int slotNumber = c.playPipe;

@@ -14,6 +14,7 @@
 
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "library/settings.h"
 #include "playback/snapcast.h"
 
@@ -97,6 +98,7 @@ bool isIdle(const uint8_t* period, int bytes) {
 }
 
 void outputThread(Pcm* first) {
+    nameThread("kz-output");
     std::unique_ptr<Pcm> pcm(first);
     // Raw bytes: the period holds 16-bit or 32-bit samples as the format says.
     std::unique_ptr<uint8_t[]> storage(new uint8_t[kOutputPeriodFrames * 8 + 8]);

@@ -34,7 +34,8 @@ void makeNamedFifo(const std::string& path, const char* problemFormat) {
 // One detached thread per slot for the life of the process. Opening blocks
 // until a child opens the fifo for writing; its end of stream sends us back
 // to wait for the next child.
-void FFThreadCode(PipeSlot* slot) {
+void FFThreadCode(PipeSlot* slot, int number) {
+    nameThread(number == 0 ? "kz-progress0" : "kz-progress1");
     char line[200];
     for (;;) {
         int fd = open(slot->ffsoPipe.c_str(), O_RDONLY | O_CLOEXEC);
@@ -136,7 +137,7 @@ void DecoderPipes::init() {
         s.pipePid = 0;
         if (s.fifo.capacity() != kFifoBytes) makeFifo(s.fifo, kFifoBytes);
         clearFifo(s.fifo);
-        if (!threadsStarted_) std::thread(FFThreadCode, &s).detach();
+        if (!threadsStarted_) std::thread(FFThreadCode, &s, i).detach();
     }
     threadsStarted_ = true;
     pipeToggle_ = 0;
