@@ -352,8 +352,21 @@ void DecoderPipes::rePreFill(int slot) {
     slots_[slot].pipeStarting = 1;
 }
 
+bool DecoderPipes::fullEnough(int slot) {
+    PipeSlot& s = slots_[slot];
+    if (fifoUsed(s.fifo) < kRefillBelow || s.pipeStarting || radioSelected || highResolution)
+        return false;
+    // A decoder that has ended gives its last bytes at once: what waits in
+    // the ring is then all that is left, as the next-track request assumes.
+    return pipeRunning(slot) != 0;
+}
+
 void DecoderPipes::drain(int slot, int wanted) {
     PipeSlot& s = slots_[slot];
+    // Topping the ring up every period woke the decoder for every period to
+    // write a few kilobytes; refilled in batches it runs about once a second
+    // and costs a fraction.
+    if (fullEnough(slot)) return;
     bool waited = false;
     for (;;) {
         uint8_t* at;
