@@ -155,15 +155,18 @@ void DecoderPipes::closePf(int slot) {
 pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     PipeSlot& s = slots_[slot];
     bool hi = highResolution;
-    std::vector<std::string> argv = {"ffmpeg", "-y", "-hide_banner", "-i", input, "-ac", "2",
-                                     "-acodec", hi ? "pcm_s32le" : "pcm_s16le", "-f",
+    // One decoding thread: an audio decoder keeps far ahead of real time on
+    // one core, and FLAC's frame threads handed every frame between threads
+    // (four times the wake-ups for the same samples).
+    std::vector<std::string> argv = {"ffmpeg", "-y", "-hide_banner", "-threads", "1", "-i", input,
+                                     "-ac", "2", "-acodec", hi ? "pcm_s32le" : "pcm_s16le", "-f",
                                      // A signed codec in the unsigned container, by design:
                                      // the raw muxer only passes the samples through.
                                      hi ? "s32le" : "u16le", "-ar", hi ? "96000" : "44100",
                                      s.pipeName};
     // A live stream gives its first kilobytes at once and the rest in real
     // time: ffmpeg's own format probe would wait seconds for a megabyte.
-    if (streamInput_) argv.insert(argv.begin() + 3, {"-formatprobesize", "16384"});
+    if (streamInput_) argv.insert(argv.begin() + 5, {"-formatprobesize", "16384"});
     // Opened here rather than in the child, where a log line could deadlock.
     // Without a reader at this instant (the parser between two children) a
     // write-only open fails; read-write keeps the progress for the parser.
