@@ -16,12 +16,16 @@
 #include "core/paths.h"
 #include "core/process.h"
 #include "library/settings.h"
+#include "playback/pipe.h"
 #include "playback/snapcast.h"
 
 namespace {
 
 // Periods made at a time for a device paced on the clock: about 93 ms at
-// 44100 Hz, less than the 100 ms a real device is set up to hold.
+// 44100 Hz, less than the 100 ms a real device is set up to hold. One in
+// high resolution and for the radio: their decoders are read every period
+// and, with a pipe that holds a third of a second, could then only keep up
+// (a 96 kHz decoder) or build a stream's cushion more slowly.
 constexpr int kPacedPeriods = 4;
 
 std::atomic<bool> deviceOpen{false};
@@ -171,7 +175,8 @@ void outputThread(Pcm* first) {
             // Several periods a wake-up, as a device's buffer takes them:
             // waking for each one cost more than making it. The periods
             // themselves, and what is in them, are the same.
-            if (next - now >= kPacedPeriods * period) std::this_thread::sleep_until(next);
+            const int ahead = high || decoderPipes().radioSelected ? 1 : kPacedPeriods;
+            if (next - now >= ahead * period) std::this_thread::sleep_until(next);
         }
     }
 }
