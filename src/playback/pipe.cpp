@@ -418,7 +418,9 @@ int DecoderPipes::getPipeSamples(int slot, void* dst, int frames) {
     PipeSlot& s = slots_[slot];
     int frameSize = frameBytes();
     int wanted = frames * frameSize;
-    if (!pipeRunning(slot) && fifoUsed(s.fifo) == 0) {
+    // The ring first: asking the kernel about the child every period, when
+    // the ring has plenty, was a system call a period for nothing.
+    if (fifoUsed(s.fifo) == 0 && !pipeRunning(slot)) {
         // The child may have written its last bytes after our previous
         // drain and then exited: collect them before calling it the end.
         if (s.pf >= 0) drain(slot, wanted);
