@@ -76,6 +76,34 @@ TEST(ToneControl, VolumeAloneFollowsTheLawToTheLastBit) {
     }
 }
 
+// With bass or treble the filters run in double precision and only the
+// rounding is done by hand: held at a constant level, the output settles at
+// the level times the shelf's gain at 0 Hz and the volume, rounded with
+// halves away from zero as std::round does.
+TEST(ToneControl, FilteredLevelsRoundAsBefore) {
+    ToneControl tone;
+    tone.setVolume(56);
+    tone.setBassTreble(6, -3);
+    const double gain = std::pow(10.0, 9.0 / 20) * std::pow(10.0, -6.0 / 20);
+    std::vector<int16_t> block(2 * 4096);
+    int checked = 0;
+    for (int x = -20000; x <= 20000; x += 97) {
+        for (size_t i = 0; i < block.size(); i += 2) {
+            block[i] = static_cast<int16_t>(x);
+            block[i + 1] = static_cast<int16_t>(-x / 2);
+        }
+        tone.process(block.data(), 4096);
+        for (int ch = 0; ch < 2; ch++) {
+            const double want = (ch == 0 ? x : -x / 2) * gain;
+            // A level a hair from a half could go either way.
+            if (std::fabs(std::fabs(want - std::trunc(want)) - 0.5) < 1e-3) continue;
+            EXPECT_EQ(block[block.size() - 2 + ch], std::round(want)) << x << " channel " << ch;
+            checked++;
+        }
+    }
+    EXPECT_GT(checked, 800);
+}
+
 TEST(ToneControl, BassAndTrebleShelves) {
     ToneControl tone;
     tone.setBassTreble(6, 0);  // +9 dB below the bass corner
