@@ -157,7 +157,7 @@ pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     bool hi = highResolution;
     // One decoding thread: an audio decoder keeps far ahead of real time on
     // one core, and FLAC's frame threads handed every frame between threads
-    // (four times the wake-ups for the same samples).
+    // (six times the wake-ups for the same samples).
     std::vector<std::string> argv = {"ffmpeg", "-y", "-hide_banner", "-threads", "1", "-i", input,
                                      "-ac", "2", "-acodec", hi ? "pcm_s32le" : "pcm_s16le", "-f",
                                      // A signed codec in the unsigned container, by design:
