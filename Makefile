@@ -88,6 +88,7 @@ bench: bench-deps build
 	@/usr/bin/python3 bench/zones_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@/usr/bin/python3 bench/snapcast_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@/usr/bin/python3 bench/usb_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
+	@/usr/bin/python3 bench/mpd_bench.py $(BUILD_DIR)/kz $(BUILD_DIR)/bench-data
 	@$(BUILD_DIR)/kz_bench --benchmark_out=$(BUILD_DIR)/bench.txt --benchmark_out_format=console \
 		> $(BUILD_DIR)/bench.log
 	@cat $(BUILD_DIR)/bench.txt

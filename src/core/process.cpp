@@ -1,6 +1,7 @@
 #include "core/process.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -125,4 +127,10 @@ void rebootSystem() {
         return;
     }
     runProgram({"reboot"});
+}
+
+void nameThread(const char* name) {
+    char shortName[16];
+    snprintf(shortName, sizeof shortName, "%s", name);
+    pthread_setname_np(pthread_self(), shortName);
 }

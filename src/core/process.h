@@ -22,6 +22,10 @@ pid_t spawnChild(const std::string& program, const std::vector<std::string>& arg
 // could not be started or did not exit normally.
 int runProgram(const std::vector<std::string>& argv);
 
+// Names the calling thread as top and /proc show it (at most 15 characters
+// are kept), so a thread's CPU time can be told from the others'.
+void nameThread(const char* name);
+
 // "killall lighttpd". In host mode only the lighttpd whose pid is in the
 // root's /var/run/lighttpd.pid is ended.
 void killLighttpd();

@@ -160,6 +160,7 @@ void installSignalHandling() {
     sigaddset(&set, SIGINT);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::thread([set] {
+        nameThread("kz-signals");
         for (;;) {
             int sig = 0;
             if (sigwait(&set, &sig) != 0) continue;

@@ -11,6 +11,7 @@
 
 #include "core/files.h"
 #include "core/log.h"
+#include "core/process.h"
 #include "core/ui.h"
 #include "library/library.h"
 #include "library/playlists.h"
@@ -251,7 +252,10 @@ int startLoadOrScan() {
     scanLocalEnabled = 1;
     beginLibraryRebuild();
     try {
-        std::thread(loadOrScan).detach();
+        std::thread([] {
+            nameThread("kz-library");
+            loadOrScan();
+        }).detach();
     } catch (const std::system_error&) {
         kzLog("startScanLocal failed to create scanLocalThread\n");
         scanLocalEnabled = 0;

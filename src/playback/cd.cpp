@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/log.h"
+#include "core/process.h"
 #include "playback/resample.h"
 #include "playback/smartbuffer.h"
 #include "ripping/cdrom.h"
@@ -96,7 +97,10 @@ int startCDReader(int index) {
     upsampler.reset();
     readerDone = false;
     readerRun = true;
-    reader = std::thread(readerThread, index);
+    reader = std::thread([index] {
+        nameThread("kz-cdreader");
+        readerThread(index);
+    });
     return 1;
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "playback/pipe.h"
 #include "playback/playback.h"
 #include "ripping/wav.h"
@@ -77,6 +79,16 @@ int trackFileType(const std::string& path) {
 
 FeedTrack::~FeedTrack() {
     if (file) fclose(file);
+    if (stopFd >= 0) close(stopFd);
+}
+
+void FeedTrack::requestStop() {
+    enable = 0;
+    if (stopFd < 0) return;
+    uint64_t one = 1;
+    if (write(stopFd, &one, sizeof one) < 0) {
+        // Already signalled (the counter cannot overflow from this).
+    }
 }
 
 FetchFeeder::FetchFeeder() {
@@ -97,7 +109,7 @@ void FetchFeeder::stopFeeder(int channel) {
         old = channels_[channel].track;
     }
     if (!old) return;
-    old->enable = 0;
+    old->requestStop();
     for (int i = 0; i < 3 && old->exists; i++)
         usleep(100000);
 }
@@ -106,6 +118,7 @@ int FetchFeeder::prepareFfwdFetch(int channel, const std::string& path) {
     stopFeeder(channel);
     auto track = std::make_shared<FeedTrack>();
     track->fifoPath = hostPath(channels_[channel].ffwdPipeName);
+    track->stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (mkfifo(track->fifoPath.c_str(), 0666) != 0 && errno != EEXIST) {
         kzLog("prepareFfwdFetch error creating %s Error %d -> %s\n", track->fifoPath.c_str(), errno,
               strerror(errno));
@@ -155,9 +168,8 @@ size_t FetchFeeder::readBlock(FeedTrack& t, char* block, size_t size) {
     // The headers alone, then whole frames: every block ends on a frame, so
     // a seek that lands on a frame keeps the decoder in step (a half frame
     // before the jump would shift every sample after it).
-    long long want = at < t.dataStart
-                         ? t.dataStart - at
-                         : static_cast<long long>(size) / t.blockAlign * t.blockAlign;
+    long long want = at < t.dataStart ? t.dataStart - at
+                                      : static_cast<long long>(size) / t.blockAlign * t.blockAlign;
     want = std::min({want, static_cast<long long>(size), t.dataEnd - at});
     size_t n = fread(block, 1, static_cast<size_t>(want), t.file);
     // The data chunk's byte count, wherever it falls in this block.
@@ -167,6 +179,7 @@ size_t FetchFeeder::readBlock(FeedTrack& t, char* block, size_t size) {
 }
 
 void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track) {
+    nameThread(channel == 0 ? "kz-feeder0" : "kz-feeder1");
     kzLog("ffwdThreadCode3 started channel = %d\n", channel);
     FeederChannel& c = channels_[channel];
     int slotNumber = c.playPipe;
@@ -213,10 +226,11 @@ void FetchFeeder::ffwdThreadCode3(int channel, std::shared_ptr<FeedTrack> track)
                         c.ffmpegEstimatedBitrate = bitrateOf(burst, slot.ffmpegProduced);
                     burst = 0;
                     // Back the moment the decoder takes some: a fixed nap
-                    // here starved 96 kHz/32-bit files. The timeout is only
-                    // for noticing a stop.
-                    struct pollfd writable = {fd, POLLOUT, 0};
-                    poll(&writable, 1, 100);
+                    // here starved 96 kHz/32-bit files. A stop wakes the
+                    // wait too; looking ten times a second for one was most
+                    // of this thread's time while a track played.
+                    struct pollfd wait[2] = {{fd, POLLOUT, 0}, {track->stopFd, POLLIN, 0}};
+                    poll(wait, track->stopFd >= 0 ? 2 : 1, track->stopFd >= 0 ? 1000 : 100);
                 } else {
                     // EPIPE: the decoder has gone (ended, failed or killed).
                     broken = true;

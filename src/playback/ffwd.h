@@ -24,6 +24,10 @@ struct FeedTrack {
     FILE* file = nullptr;  // closed (null) once the feeder has finished
     std::atomic<int> enable{0};
     std::atomic<int> exists{0};
+    // Made readable by a stop, so the thread waiting for the decoder to
+    // take more wakes at once instead of looking every so often.
+    int stopFd = -1;
+    void requestStop();
     // A WAV's audio: where it starts and ends in the file and its frame size.
     // The decoder stops after the byte count its header gives, which is
     // wrong once a seek has moved the file; the feeder sends that count as

@@ -14,10 +14,19 @@
 
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "library/settings.h"
+#include "playback/pipe.h"
 #include "playback/snapcast.h"
 
 namespace {
+
+// Periods made at a time for a device paced on the clock: about 93 ms at
+// 44100 Hz, less than the 100 ms a real device is set up to hold. One in
+// high resolution and for the radio: their decoders are read every period
+// and, with a pipe that holds a third of a second, could then only keep up
+// (a 96 kHz decoder) or build a stream's cushion more slowly.
+constexpr int kPacedPeriods = 4;
 
 std::atomic<bool> deviceOpen{false};
 std::atomic<long> periods{0};
@@ -97,6 +106,7 @@ bool isIdle(const uint8_t* period, int bytes) {
 }
 
 void outputThread(Pcm* first) {
+    nameThread("kz-output");
     std::unique_ptr<Pcm> pcm(first);
     // Raw bytes: the period holds 16-bit or 32-bit samples as the format says.
     std::unique_ptr<uint8_t[]> storage(new uint8_t[kOutputPeriodFrames * 8 + 8]);
@@ -155,13 +165,18 @@ void outputThread(Pcm* first) {
         if (!pcm || !pcm->selfPaced()) {
             const auto period = std::chrono::nanoseconds(
                 1000000000LL * kOutputPeriodFrames / (high ? kHighResolutionRate : kOutputRate));
+            // next: when everything handed over so far will have been heard.
             next += period;
             auto now = std::chrono::steady_clock::now();
             // A period handed over after its time is what a real device
             // would have heard as an underrun.
             if (now > next + period) underruns++;
             if (now - next > std::chrono::seconds(1)) next = now;
-            std::this_thread::sleep_until(next);
+            // Several periods a wake-up, as a device's buffer takes them:
+            // waking for each one cost more than making it. The periods
+            // themselves, and what is in them, are the same.
+            const int ahead = high || decoderPipes().radioSelected ? 1 : kPacedPeriods;
+            if (next - now >= ahead * period) std::this_thread::sleep_until(next);
         }
     }
 }

@@ -34,7 +34,8 @@ void makeNamedFifo(const std::string& path, const char* problemFormat) {
 // One detached thread per slot for the life of the process. Opening blocks
 // until a child opens the fifo for writing; its end of stream sends us back
 // to wait for the next child.
-void FFThreadCode(PipeSlot* slot) {
+void FFThreadCode(PipeSlot* slot, int number) {
+    nameThread(number == 0 ? "kz-progress0" : "kz-progress1");
     char line[200];
     for (;;) {
         int fd = open(slot->ffsoPipe.c_str(), O_RDONLY | O_CLOEXEC);
@@ -136,7 +137,7 @@ void DecoderPipes::init() {
         s.pipePid = 0;
         if (s.fifo.capacity() != kFifoBytes) makeFifo(s.fifo, kFifoBytes);
         clearFifo(s.fifo);
-        if (!threadsStarted_) std::thread(FFThreadCode, &s).detach();
+        if (!threadsStarted_) std::thread(FFThreadCode, &s, i).detach();
     }
     threadsStarted_ = true;
     pipeToggle_ = 0;
@@ -154,15 +155,18 @@ void DecoderPipes::closePf(int slot) {
 pid_t DecoderPipes::spawnDecoder(int slot, const std::string& input) {
     PipeSlot& s = slots_[slot];
     bool hi = highResolution;
-    std::vector<std::string> argv = {"ffmpeg", "-y", "-hide_banner", "-i", input, "-ac", "2",
-                                     "-acodec", hi ? "pcm_s32le" : "pcm_s16le", "-f",
+    // One decoding thread: an audio decoder keeps far ahead of real time on
+    // one core, and FLAC's frame threads handed every frame between threads
+    // (six times the wake-ups for the same samples).
+    std::vector<std::string> argv = {"ffmpeg", "-y", "-hide_banner", "-threads", "1", "-i", input,
+                                     "-ac", "2", "-acodec", hi ? "pcm_s32le" : "pcm_s16le", "-f",
                                      // A signed codec in the unsigned container, by design:
                                      // the raw muxer only passes the samples through.
                                      hi ? "s32le" : "u16le", "-ar", hi ? "96000" : "44100",
                                      s.pipeName};
     // A live stream gives its first kilobytes at once and the rest in real
     // time: ffmpeg's own format probe would wait seconds for a megabyte.
-    if (streamInput_) argv.insert(argv.begin() + 3, {"-formatprobesize", "16384"});
+    if (streamInput_) argv.insert(argv.begin() + 5, {"-formatprobesize", "16384"});
     // Opened here rather than in the child, where a log line could deadlock.
     // Without a reader at this instant (the parser between two children) a
     // write-only open fails; read-write keeps the progress for the parser.
@@ -351,8 +355,21 @@ void DecoderPipes::rePreFill(int slot) {
     slots_[slot].pipeStarting = 1;
 }
 
+bool DecoderPipes::fullEnough(int slot) {
+    PipeSlot& s = slots_[slot];
+    if (fifoUsed(s.fifo) < kRefillBelow || s.pipeStarting || radioSelected || highResolution)
+        return false;
+    // A decoder that has ended gives its last bytes at once: what waits in
+    // the ring is then all that is left, as the next-track request assumes.
+    return pipeRunning(slot) != 0;
+}
+
 void DecoderPipes::drain(int slot, int wanted) {
     PipeSlot& s = slots_[slot];
+    // Topping the ring up every period woke the decoder for every period to
+    // write a few kilobytes; refilled in batches it runs about once a second
+    // and costs a fraction.
+    if (fullEnough(slot)) return;
     bool waited = false;
     for (;;) {
         uint8_t* at;
@@ -401,7 +418,9 @@ int DecoderPipes::getPipeSamples(int slot, void* dst, int frames) {
     PipeSlot& s = slots_[slot];
     int frameSize = frameBytes();
     int wanted = frames * frameSize;
-    if (!pipeRunning(slot) && fifoUsed(s.fifo) == 0) {
+    // The ring first: asking the kernel about the child every period, when
+    // the ring has plenty, was a system call a period for nothing.
+    if (fifoUsed(s.fifo) == 0 && !pipeRunning(slot)) {
         // The child may have written its last bytes after our previous
         // drain and then exited: collect them before calling it the end.
         if (s.pf >= 0) drain(slot, wanted);

@@ -55,6 +55,12 @@ class DecoderPipes {
     static constexpr int kSlots = 2;
     static constexpr int kFifoBytes = 1000000;
     static constexpr int kBitrateStartupBytes = 300000;
+    // The ring is refilled from the decoder only once it holds less than
+    // five seconds at 44100 Hz: more than any next-track threshold (at most
+    // 4 s, counted in whole seconds), so a decoder's end is always seen with
+    // the same time left as when the ring was kept full. High resolution
+    // and radio keep the ring topped up every period.
+    static constexpr int kRefillBelow = 5 * 176400;
 
     DecoderPipes() = default;
     DecoderPipes(const DecoderPipes&) = delete;
@@ -124,6 +130,8 @@ class DecoderPipes {
     int bytesPerSecond() const { return highResolution ? 384000 : 176400; }
     int sampleRate() const { return highResolution ? 96000 : 44100; }
     pid_t spawnDecoder(int slot, const std::string& input);
+    // True while the ring holds enough that reading the decoder can wait.
+    bool fullEnough(int slot);
     void drain(int slot, int wanted);
     void forgetChild(int slot, bool terminate);
     void closePf(int slot);

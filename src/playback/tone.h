@@ -34,6 +34,8 @@ class ToneControl {
     void design();
     template <typename Sample>
     void run(Sample* samples, int frames, double lowest, double highest);
+    template <typename Sample>
+    void scale(Sample* samples, int frames);
 
     mutable std::mutex mutex_;
     Biquad bass_, treble_;
@@ -41,4 +43,9 @@ class ToneControl {
     int volume_ = kMaxVolume;
     double rate_ = 44100.0;
     double gain_ = 1.0;
+    // gain_ in fixed point for the usual case of volume alone (no bass or
+    // treble): gain_ * 2^40 for 16-bit samples, gain_ * 2^31 for 32-bit
+    // ones, so that a sample times it always fits in 64 bits.
+    int64_t gain16_ = int64_t{1} << 40;
+    int64_t gain32_ = int64_t{1} << 31;
 };

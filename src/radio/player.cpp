@@ -13,6 +13,7 @@
 
 #include "core/events.h"
 #include "core/log.h"
+#include "core/process.h"
 #include "library/settings.h"
 #include "playback/control.h"
 #include "playback/pipe.h"
@@ -81,7 +82,10 @@ void RadioPlayer::play(const Station& station) {
     }
     tries_ = 0;
     kzLog("Radio: playing %s <%s>\n", station.name.c_str(), station.url.c_str());
-    thread_ = std::thread([this, s] { run(s); });
+    thread_ = std::thread([this, s] {
+        nameThread("kz-radio");
+        run(s);
+    });
 }
 
 void RadioPlayer::requestStop() {

@@ -20,6 +20,7 @@
 
 #include "core/files.h"
 #include "core/log.h"
+#include "core/process.h"
 #include "library/database.h"
 #include "library/library.h"
 #include "library/names.h"
@@ -88,10 +89,11 @@ void writeJournal() {
         return;
     }
     if (!writeFileAtomically(path, [](FILE* f) {
-            for (const std::string& p : parts) fprintf(f, "part\t%s\n", p.c_str());
+            for (const std::string& p : parts)
+                fprintf(f, "part\t%s\n", p.c_str());
             for (const Done& d : pending) {
-                fprintf(f, "done\t%s\t%s\t%s\t%s\n", d.artist.c_str(), d.album.c_str(), d.wavName.c_str(),
-                        d.finalName.c_str());
+                fprintf(f, "done\t%s\t%s\t%s\t%s\n", d.artist.c_str(), d.album.c_str(),
+                        d.wavName.c_str(), d.finalName.c_str());
             }
             return ferror(f) == 0;
         })) {
@@ -187,7 +189,8 @@ bool flush() {
         } else if (fileExists(wav)) {
             // The track was renamed or removed while it was compressed: what
             // the library holds is the truth, the copy goes.
-            kzLog("Compression: %s changed while it was compressed; its copy is removed\n", wav.c_str());
+            kzLog("Compression: %s changed while it was compressed; its copy is removed\n",
+                  wav.c_str());
             removeFile(done);
         } else {
             kzLog("Compression: %s is not in the library; %s is kept\n", wav.c_str(), done.c_str());
@@ -222,7 +225,8 @@ TrackTags tagsFor(const Done& d, const std::string& wav) {
     t.year = r.year;
     t.genre = r.genre;
     std::string folder = albumFolder(d.artist, d.album);
-    for (const char* name : {"coverart.jpg", "folder.jpg", "cover.jpg", "cover.png", "folder.png"}) {
+    for (const char* name :
+         {"coverart.jpg", "folder.jpg", "cover.jpg", "cover.png", "folder.png"}) {
         File f(fopen((folder + "/" + name).c_str(), "rb"));
         if (!f) continue;
         std::string bytes(kLargestCover + 1, '\0');
@@ -248,7 +252,8 @@ std::string finalNameOf(const std::string& wavName, const char* ext) {
     size_t room = kLongestName - strlen(ext);
     if (stem.size() > room) {
         size_t cut = room;
-        while (cut > 0 && (static_cast<unsigned char>(stem[cut]) & 0xc0) == 0x80) cut--;
+        while (cut > 0 && (static_cast<unsigned char>(stem[cut]) & 0xc0) == 0x80)
+            cut--;
         stem.resize(cut);
     }
     return stem + ext;
@@ -270,7 +275,8 @@ void dropPart(const std::string& part) {
 
 // The MP3 copy of "FLAC+MP3": root + "/mp3/<artist>/<album>/<track>.mp3",
 // beside the library, not in it. A copy that fails is logged and left out.
-void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags, const CancelCheck& cancel) {
+void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags,
+              const CancelCheck& cancel) {
     std::string folder = getLocalPath() + "/mp3";
     for (const std::string& part : {std::string(), d.artist, d.album}) {
         if (!part.empty()) folder += "/" + part;
@@ -289,7 +295,8 @@ void makeCopy(const Done& d, const std::string& wav, const TrackTags& tags, cons
         syncFolder(folder);
         kzLog("Compression: copy %s\n", copy.c_str());
     } else if (!r.cancelled) {
-        kzLog("Compression: no MP3 copy of %s: %s\n", wav.c_str(), r.ok ? strerror(errno) : r.why.c_str());
+        kzLog("Compression: no MP3 copy of %s: %s\n", wav.c_str(),
+              r.ok ? strerror(errno) : r.why.c_str());
     }
     unlink(part.c_str());
     parts.pop_back();
@@ -320,11 +327,13 @@ Outcome compressOne(const Done& item, int mode, const CancelCheck& cancel) {
         dropPart(part);
         if (r.cancelled) return Outcome::Cancelled;
         if (!fileExists(wav)) {
-            kzLog("Compression: %s changed while it was compressed; its copy is removed\n", wav.c_str());
+            kzLog("Compression: %s changed while it was compressed; its copy is removed\n",
+                  wav.c_str());
             return Outcome::Changed;
         }
         if (r.diskFull) {
-            kzLog("Compression paused: the disk is full (%s); %s is kept\n", r.why.c_str(), wav.c_str());
+            kzLog("Compression paused: the disk is full (%s); %s is kept\n", r.why.c_str(),
+                  wav.c_str());
             return Outcome::DiskFull;
         }
         kzLog("Compression of %s failed: %s; the WAV is kept\n", wav.c_str(), r.why.c_str());
@@ -339,7 +348,8 @@ Outcome compressOne(const Done& item, int mode, const CancelCheck& cancel) {
     // The WAV may have been renamed or deleted meanwhile: then the copy is
     // not wanted.
     if (!fileExists(wav) || rename(part.c_str(), done.c_str()) != 0) {
-        kzLog("Compression: %s changed while it was compressed; its copy is removed\n", wav.c_str());
+        kzLog("Compression: %s changed while it was compressed; its copy is removed\n",
+              wav.c_str());
         pending.pop_back();
         dropPart(part);
         return Outcome::Changed;
@@ -399,13 +409,16 @@ void runPass() {
             if (!name || !endsWithExtension(name, ".wav")) continue;
             int album = getParentAlbum(t);
             Done d{getArtistName(getAlbumArtist(album)), getAlbumName(album), name, ""};
-            if (!failed.count(albumFolder(d.artist, d.album) + "/" + name)) todo.push_back(std::move(d));
+            if (!failed.count(albumFolder(d.artist, d.album) + "/" + name))
+                todo.push_back(std::move(d));
         }
     }
     if (todo.empty()) return;
     Busy marker;
     kzLog("Compression: %d tracks to %s\n", static_cast<int>(todo.size()), getCompressionText());
-    CancelCheck cancel = [mode] { return stopping.load() || pauses > 0 || getCompressionMode() != mode; };
+    CancelCheck cancel = [mode] {
+        return stopping.load() || pauses > 0 || getCompressionMode() != mode;
+    };
     int count = 0;
     bool changed = false;
     for (const Done& item : todo) {
@@ -414,13 +427,15 @@ void runPass() {
         Outcome o = compressOne(item, mode, cancel);
         if (o == Outcome::DiskFull || o == Outcome::NoRoom) {
             flush();
-            setStatus(o == Outcome::DiskFull ? "Compression paused: the disk is full"
-                                             : "Compression paused: the library's name space is full");
+            setStatus(o == Outcome::DiskFull
+                          ? "Compression paused: the disk is full"
+                          : "Compression paused: the library's name space is full");
             return;
         }
         if (o == Outcome::Cancelled) break;
         changed = changed || o == Outcome::Changed;
-        if (pending.size() >= kSaveEvery || (!pending.empty() && std::chrono::steady_clock::now() - firstPending > kSaveAfter)) {
+        if (pending.size() >= kSaveEvery ||
+            (!pending.empty() && std::chrono::steady_clock::now() - firstPending > kSaveAfter)) {
             flush();
         }
     }
@@ -429,7 +444,8 @@ void runPass() {
     std::lock_guard<std::mutex> hold(stateMutex);
     // A new setting or a rebuild in the middle, a track renamed under the
     // encoder, a pause: start again over what is left.
-    if (!stopping && (changed || pauses > 0 || getCompressionMode() != mode || !libraryReady())) kicked = true;
+    if (!stopping && (changed || pauses > 0 || getCompressionMode() != mode || !libraryReady()))
+        kicked = true;
 }
 
 void workerMain() {
@@ -437,9 +453,12 @@ void workerMain() {
     if (waitForLibrary()) {
         // What an earlier run left: part files go, done tracks are finished.
         readJournal();
-        for (const std::string& p : parts) unlink(p.c_str());
+        for (const std::string& p : parts)
+            unlink(p.c_str());
         parts.clear();
-        if (!pending.empty()) kzLog("Compression: finishing %d tracks of an earlier run\n", static_cast<int>(pending.size()));
+        if (!pending.empty())
+            kzLog("Compression: finishing %d tracks of an earlier run\n",
+                  static_cast<int>(pending.size()));
         if (!flush()) writeJournal();
     }
     for (;;) {
@@ -473,7 +492,10 @@ void initCompression() {
     if (running) return;
     stopping = false;
     try {
-        worker = std::thread(workerMain);
+        worker = std::thread([] {
+            nameThread("kz-compress");
+            workerMain();
+        });
         worker.detach();
         running = true;
     } catch (const std::system_error&) {

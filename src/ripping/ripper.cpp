@@ -12,6 +12,7 @@
 
 #include "core/files.h"
 #include "core/log.h"
+#include "core/process.h"
 #include "library/database.h"
 #include "library/edit.h"
 #include "library/library.h"
@@ -317,7 +318,10 @@ int startRip() {
     if (ripping.exchange(true)) return 0;
     ripEnabled = 1;
     try {
-        std::thread(rip).detach();
+        std::thread([] {
+            nameThread("kz-ripper");
+            rip();
+        }).detach();
     } catch (const std::system_error&) {
         kzLog("startRip failed to create ripThread\n");
         ripping = false;

@@ -24,6 +24,7 @@
 #include "core/http.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "library/ids.h"
 #include "library/library.h"
 #include "library/names.h"
@@ -615,7 +616,10 @@ void startSonos() {
         if (Z().started) return;
         Z().started = true;
     }
-    std::thread(zonesThread).detach();
+    std::thread([] {
+        nameThread("kz-zones");
+        zonesThread();
+    }).detach();
 }
 
 void scanSonos() {

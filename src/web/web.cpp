@@ -21,6 +21,7 @@
 #include "core/files.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "core/ui.h"
 #include "library/library.h"
 #include "library/names.h"
@@ -270,7 +271,10 @@ void initWeb() {
     sink.capacity = kWebBufferSlots;
     fwthreadEnabled = 1;
     try {
-        std::thread(listener).detach();
+        std::thread([] {
+            nameThread("kz-web");
+            listener();
+        }).detach();
     } catch (const std::system_error&) {
         kzLog("initWeb failed to create fastWebThread\n");
         web.reset();

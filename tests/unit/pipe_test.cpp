@@ -332,11 +332,11 @@ TEST_F(PipeArgsTest, DecoderIsCalledWithExactlyTheFormatArguments) {
     std::getline(in, normal);
     std::getline(in, high);
     // The name reaches the decoder as one argument, untouched by any shell.
-    EXPECT_EQ(normal, "-y -hide_banner -i " + input +
+    EXPECT_EQ(normal, "-y -hide_banner -threads 1 -i " + input +
                           " -ac 2 -acodec pcm_s16le -f u16le -ar 44100 " +
                           hostPath("/tmp/kzpipe1"));
-    EXPECT_EQ(high, "-y -hide_banner -i " + input + " -ac 2 -acodec pcm_s32le -f s32le -ar 96000 " +
-                        hostPath("/tmp/kzpipe2"));
+    EXPECT_EQ(high, "-y -hide_banner -threads 1 -i " + input +
+                        " -ac 2 -acodec pcm_s32le -f s32le -ar 96000 " + hostPath("/tmp/kzpipe2"));
 }
 
 TEST_F(PipeArgsTest, TimesComeFromTheFifoTheProgressAndTheFramesPlayed) {

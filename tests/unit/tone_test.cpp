@@ -44,6 +44,66 @@ TEST(ToneControl, FlatIsBitExactAndVolumeScales) {
     EXPECT_EQ(tone.volume(), 64);
 }
 
+// Volume alone runs in fixed point: every 16-bit value at every volume must
+// come out as the volume law rounded (halves away from zero), as the
+// floating-point path gave it, and 32-bit samples within one step of it.
+TEST(ToneControl, VolumeAloneFollowsTheLawToTheLastBit) {
+    ToneControl tone;
+    std::vector<int16_t> all(65536);
+    std::vector<int32_t> wide;
+    for (int64_t v :
+         {int64_t{INT32_MIN}, int64_t{INT32_MIN} + 1, int64_t{-65536 * 3 - 1}, int64_t{-1},
+          int64_t{0}, int64_t{1}, int64_t{12345678}, int64_t{INT32_MAX} - 1, int64_t{INT32_MAX}})
+        wide.push_back(static_cast<int32_t>(v));
+    for (int i = 0; i < 4000; i++)
+        wide.push_back(static_cast<int32_t>(static_cast<uint32_t>(i) * 2654435761u));
+    if (wide.size() % 2) wide.push_back(7);
+    for (int volume = 0; volume <= 64; volume++) {
+        tone.setVolume(volume);
+        const double gain = volume == 0 ? 0.0 : std::pow(10.0, (volume - 64) * 0.75 / 20.0);
+        for (int i = 0; i < 65536; i++)
+            all[i] = static_cast<int16_t>(i - 32768);
+        tone.process(all.data(), 32768);
+        int wrong = 0;
+        for (int i = 0; i < 65536; i++)
+            wrong += all[i] != static_cast<int16_t>(std::round((i - 32768) * gain));
+        EXPECT_EQ(wrong, 0) << "volume " << volume;
+
+        std::vector<int32_t> out = wide;
+        tone.process(out.data(), static_cast<int>(out.size() / 2));
+        for (size_t i = 0; i < out.size(); i++)
+            ASSERT_NEAR(out[i], std::round(wide[i] * gain), 1.0) << "volume " << volume;
+    }
+}
+
+// With bass or treble the filters run in double precision and only the
+// rounding is done by hand: held at a constant level, the output settles at
+// the level times the shelf's gain at 0 Hz and the volume, rounded with
+// halves away from zero as std::round does.
+TEST(ToneControl, FilteredLevelsRoundAsBefore) {
+    ToneControl tone;
+    tone.setVolume(56);
+    tone.setBassTreble(6, -3);
+    const double gain = std::pow(10.0, 9.0 / 20) * std::pow(10.0, -6.0 / 20);
+    std::vector<int16_t> block(2 * 4096);
+    int checked = 0;
+    for (int x = -20000; x <= 20000; x += 97) {
+        for (size_t i = 0; i < block.size(); i += 2) {
+            block[i] = static_cast<int16_t>(x);
+            block[i + 1] = static_cast<int16_t>(-x / 2);
+        }
+        tone.process(block.data(), 4096);
+        for (int ch = 0; ch < 2; ch++) {
+            const double want = (ch == 0 ? x : -x / 2) * gain;
+            // A level a hair from a half could go either way.
+            if (std::fabs(std::fabs(want - std::trunc(want)) - 0.5) < 1e-3) continue;
+            EXPECT_EQ(block[block.size() - 2 + ch], std::round(want)) << x << " channel " << ch;
+            checked++;
+        }
+    }
+    EXPECT_GT(checked, 800);
+}
+
 TEST(ToneControl, BassAndTrebleShelves) {
     ToneControl tone;
     tone.setBassTreble(6, 0);  // +9 dB below the bass corner
