@@ -6,7 +6,7 @@ import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, renameSync, symlinkSync } from 'node:fs';
 import { join } from 'node:path';
 import { Stack, TOP, makeTone } from './stack.mjs';
-import { launch, layoutProblems } from './browser.mjs';
+import { launch, layoutProblems, watchedPage } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
 const NARROW = { width: 360, height: 740 };
@@ -15,14 +15,13 @@ describe('USB drives', () => {
   let stack;
   let browser;
   let page;
-  const errors = [];
+  let errors;
+  let outside;
 
   before(async () => {
     stack = await Stack.start({ discTracks: [4] });
     browser = await launch();
-    page = await browser.newPage({ viewport: NARROW });
-    page.on('pageerror', (e) => errors.push(e.message));
-    page.on('console', (m) => m.type() === 'error' && !m.text().startsWith('Failed to load resource') && errors.push(m.text()));
+    ({ page, errors, outside } = await watchedPage(browser, NARROW, () => [stack.base]));
     page.on('dialog', (d) => d.accept());
   });
 
@@ -84,5 +83,6 @@ describe('USB drives', () => {
     await page.goto(`${stack.base}/#/usb`);
     await page.getByText('No USB drive is plugged in').waitFor();
     assert.deepEqual(errors, []);
+    assert.deepEqual(outside, []);
   });
 });
