@@ -131,3 +131,53 @@ bool writeSettingWord(const std::string& path, const char* key, const char* word
     if (!ok) kzLog("Cannot write %s\n", path.c_str());
     return ok;
 }
+
+int FileCopier::copy(int in, int out, const std::function<int()>& beforeChunk,
+                     const std::function<void(long long)>& copied, CopySide* side) {
+    constexpr size_t kChunk = 1 << 20;
+    for (;;) {
+        if (int own = beforeChunk ? beforeChunk() : 0) {
+            *side = CopySide::Either;
+            return own;
+        }
+        ssize_t n;
+        if (kernel_) {
+            n = copy_file_range(in, nullptr, out, nullptr, kChunk, 0);
+            if (n < 0) {
+                int err = errno;
+                if (err == EINTR) continue;
+                if (err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP ||
+                    err == EPERM) {
+                    // Only before the first byte: the files' positions are
+                    // then known to be where read and write start.
+                    if (lseek(in, 0, SEEK_CUR) == 0 && lseek(out, 0, SEEK_CUR) == 0) {
+                        kernel_ = false;
+                        continue;
+                    }
+                }
+                *side = err == ENOSPC || err == EDQUOT || err == EFBIG ? CopySide::Write
+                                                                       : CopySide::Either;
+                return err;
+            }
+        } else {
+            if (!buffer_) buffer_ = std::make_unique<char[]>(kChunk);
+            n = read(in, buffer_.get(), kChunk);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                *side = CopySide::Read;
+                return errno;
+            }
+            for (ssize_t put = 0; put < n;) {
+                ssize_t w = write(out, buffer_.get() + put, n - put);
+                if (w < 0) {
+                    if (errno == EINTR) continue;
+                    *side = CopySide::Write;
+                    return errno;
+                }
+                put += w;
+            }
+        }
+        if (n == 0) return 0;
+        if (copied) copied(n);
+    }
+}

@@ -38,3 +38,22 @@ bool writeFileAtomically(const std::string& path, const std::function<bool(FILE*
 // logged and returns false.
 std::string readSettingWord(const std::string& path, const char* key);
 bool writeSettingWord(const std::string& path, const char* key, const char* word);
+
+// Which side of a copy failed. copy_file_range does not say: a full disk is
+// its writing side, any other error Either, for the caller to judge.
+enum class CopySide { Read, Write, Either };
+
+// Copies the data of open files in 1 MiB chunks: copy_file_range, or read
+// and write once the kernel cannot (between two file systems), a choice
+// kept for the copier's later files. beforeChunk may end a copy with an
+// error of its own (its side is Either); copied hears each chunk's size.
+class FileCopier {
+  public:
+    // The rest of in into out: 0 when all of it went, else the error.
+    int copy(int in, int out, const std::function<int()>& beforeChunk,
+             const std::function<void(long long)>& copied, CopySide* side);
+
+  private:
+    bool kernel_ = true;
+    std::unique_ptr<char[]> buffer_;
+};

@@ -24,7 +24,6 @@
 namespace {
 
 constexpr int kDeepest = 7;  // as deep as the USB scan looks
-constexpr size_t kBlock = 1 << 20;
 // How much is copied between two syncs: each sync costs as much as copying
 // tens of megabytes, and a person waits a few seconds at most to see an
 // album in the library.
@@ -108,8 +107,8 @@ void place(const Source& s, std::string* artist, std::string* album) {
 
 enum class Copy { Done, Stopped, ReadFailed, WriteFailed };
 
-Copy copyFile(const std::string& from, const std::string& to, const std::atomic<bool>& stop,
-              ImportProgress& progress, int* error) {
+Copy copyFile(FileCopier& copier, const std::string& from, const std::string& to,
+              const std::atomic<bool>& stop, ImportProgress& progress, int* error) {
     int in = open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (in < 0) {
         *error = errno;
@@ -121,53 +120,17 @@ Copy copyFile(const std::string& from, const std::string& to, const std::atomic<
         close(in);
         return Copy::WriteFailed;
     }
-    Copy result = Copy::Done;
-    bool kernelCopy = true;
-    std::vector<char> buf;
-    for (;;) {
-        if (stop) {
-            result = Copy::Stopped;
-            break;
-        }
-        ssize_t n = -1;
-        if (kernelCopy) {
-            n = copy_file_range(in, nullptr, out, nullptr, kBlock, 0);
-            if (n < 0 &&
-                (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
-                kernelCopy = false;
-                continue;
-            }
-            if (n < 0) {
-                // Which side failed is not told: ask the read side.
-                *error = errno;
-                result = (errno == ENOSPC || errno == EDQUOT || errno == EFBIG) ? Copy::WriteFailed
-                                                                                : Copy::ReadFailed;
-                break;
-            }
-        } else {
-            if (buf.empty()) buf.resize(kBlock);
-            n = read(in, buf.data(), buf.size());
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-                *error = errno;
-                result = Copy::ReadFailed;
-                break;
-            }
-            for (ssize_t done = 0; done < n;) {
-                ssize_t w = write(out, buf.data() + done, static_cast<size_t>(n - done));
-                if (w < 0 && errno == EINTR) continue;
-                if (w <= 0) {
-                    *error = w < 0 ? errno : ENOSPC;
-                    result = Copy::WriteFailed;
-                    break;
-                }
-                done += w;
-            }
-            if (result != Copy::Done) break;
-        }
-        if (n == 0) break;
-        progress.bytesDone += n;
-    }
+    CopySide side = CopySide::Either;
+    int err = copier.copy(
+        in, out, [&] { return stop ? ECANCELED : 0; },
+        [&](long long n) { progress.bytesDone += n; }, &side);
+    // Which side copy_file_range failed on is not told: it counts as the
+    // drive's, unless the disk is full.
+    Copy result = err == 0                  ? Copy::Done
+                  : err == ECANCELED        ? Copy::Stopped
+                  : side == CopySide::Write ? Copy::WriteFailed
+                                            : Copy::ReadFailed;
+    if (err != 0) *error = err;
     if (close(out) != 0 && result == Copy::Done) {
         *error = errno;
         result = Copy::WriteFailed;
@@ -300,6 +263,7 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
     progress.planning = false;
 
     const std::string music = getMusicDirectory();
+    FileCopier copier;
     // Tracks are copied under part names, and get their names in batches
     // once one sync has put the batch on the disk: a power cut leaves part
     // files, never half a track under its name. An album joins the library
@@ -388,7 +352,7 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
             std::string part = folder + "/" + kPart + std::to_string(landed.size());
             int error = 0;
             long long before = progress.bytesDone;
-            Copy c = copyFile(s.path, part, stop, progress, &error);
+            Copy c = copyFile(copier, s.path, part, stop, progress, &error);
             progress.filesDone++;
             if (c == Copy::Done) {
                 landed.push_back({part, target, index});

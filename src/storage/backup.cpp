@@ -15,6 +15,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/files.h"
 #include "core/log.h"
 
 namespace {
@@ -32,7 +33,6 @@ constexpr char kTempName[] = ".kz-backup.part";
 // it is in the backup: a missing folder more likely means a damaged disk
 // than a choice.
 constexpr const char* kTrees[] = {"music", "mp3"};
-constexpr size_t kChunk = 1 << 20;
 // The stat of the two roots costs next to nothing; a renamed or unmounted
 // drive is noticed within this many chunks of a large file.
 constexpr int kChunksBetweenChecks = 32;
@@ -241,8 +241,7 @@ class Run {
     BackupResult r_;
     bool ended_ = false;
     bool wrote_ = false;
-    bool rangeWorks_ = true;
-    std::unique_ptr<char[]> buffer_;
+    FileCopier copier_;
     time_t started_ = time(nullptr);
     Fd trashRoot_;
 
@@ -512,54 +511,29 @@ void Run::scanAll() {
 }
 
 // Copies the data of one open file into another; 0 when all of it went,
-// else the error and the side it came from (ECANCELED: stopped).
+// else the error and the side it came from (ECANCELED: stopped). An error
+// copy_file_range cannot place is the drive's, the side that comes and goes.
 int Run::copyData(int in, int out, Side* side) {
     int chunks = 0;
-    for (;;) {
-        if (stopping()) return ECANCELED;
-        if (++chunks % kChunksBetweenChecks == 0 && !rootsStillThere()) {
-            *side = Side::Drive;
-            return ENODEV;
-        }
-        ssize_t n;
-        if (rangeWorks_) {
-            n = copy_file_range(in, nullptr, out, nullptr, kChunk, 0);
-            if (n < 0) {
-                int err = errno;
-                if (err == EINTR) continue;
-                if (err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP ||
-                    err == EPERM) {
-                    // Between two file systems (a USB drive), read and write.
-                    if (lseek(in, 0, SEEK_CUR) == 0 && lseek(out, 0, SEEK_CUR) == 0) {
-                        rangeWorks_ = false;
-                        continue;
-                    }
-                }
-                *side = err == ENOSPC || err == EDQUOT || err == EFBIG ? dstSide_ : Side::Drive;
-                return err;
-            }
-        } else {
-            if (!buffer_) buffer_ = std::make_unique<char[]>(kChunk);
-            n = read(in, buffer_.get(), kChunk);
-            if (n < 0) {
-                if (errno == EINTR) continue;
-                *side = srcSide_;
-                return errno;
-            }
-            for (ssize_t put = 0; put < n;) {
-                ssize_t w = write(out, buffer_.get() + put, n - put);
-                if (w < 0) {
-                    if (errno == EINTR) continue;
-                    *side = dstSide_;
-                    return errno;
-                }
-                put += w;
-            }
-        }
-        if (n == 0) return 0;
-        r_.bytesCopied += n;
-        if (job_.progress) job_.progress->bytesDone += n;
+    CopySide failed = CopySide::Either;
+    int err = copier_.copy(
+        in, out,
+        [&] {
+            if (stopping()) return ECANCELED;
+            if (++chunks % kChunksBetweenChecks == 0 && !rootsStillThere()) return ENODEV;
+            return 0;
+        },
+        [&](long long n) {
+            r_.bytesCopied += n;
+            if (job_.progress) job_.progress->bytesDone += n;
+        },
+        &failed);
+    if (err != 0) {
+        *side = failed == CopySide::Read    ? srcSide_
+                : failed == CopySide::Write ? dstSide_
+                                            : Side::Drive;
     }
+    return err;
 }
 
 bool Run::copyItem(const Item& it) {
