@@ -115,6 +115,14 @@ std::string ffmpegPath() {
     return config().ffmpeg.empty() ? "/usr/bin/ffmpeg" : config().ffmpeg;
 }
 
+std::string ffprobePath() {
+    std::string prober = ffmpegPath();
+    size_t slash = prober.rfind('/');
+    prober = (slash == std::string::npos ? std::string() : prober.substr(0, slash + 1)) + "ffprobe";
+    if (access(prober.c_str(), X_OK) != 0) prober = "/usr/bin/ffprobe";
+    return prober;
+}
+
 void hostSkip(std::string_view what) {
     {
         std::lock_guard<std::mutex> g(skipMutex);

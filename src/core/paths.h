@@ -28,6 +28,8 @@ std::string cdDevicePath();
 std::string pcmDevice();
 // The decoder program: KZ_FFMPEG, default "/usr/bin/ffmpeg".
 std::string ffmpegPath();
+// The ffprobe beside that ffmpeg, else the system's.
+std::string ffprobePath();
 
 // Logs, once per distinct text, that a step of the appliance was skipped in
 // host mode ("Host mode: skipped mount /dev/mmcblk0p3 on /media/sd3\n").

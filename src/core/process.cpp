@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -95,6 +96,30 @@ int runProgram(const std::vector<std::string>& argv) {
         if (errno != EINTR) return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int programOutput(const std::vector<std::string>& argv, std::string* out, size_t most, int errFd) {
+    out->clear();
+    if (argv.empty()) return -1;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+    pid_t pid = spawnChild(argv[0], argv, errFd, false, fds[1]);
+    close(fds[1]);
+    char buf[8192];
+    while (pid > 0) {
+        ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        if (out->size() < most)
+            out->append(buf, std::min(static_cast<size_t>(n), most - out->size()));
+    }
+    close(fds[0]);
+    if (pid < 0) return -1;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 void killLighttpd() {

@@ -26,6 +26,13 @@ int runProgram(const std::vector<std::string>& argv);
 // are kept), so a thread's CPU time can be told from the others'.
 void nameThread(const char* name);
 
+// Runs a program (argv[0] a path) and gathers what it writes to its
+// standard output, at most `most` bytes (the rest is read and dropped, so it
+// never blocks). errFd as for spawnChild. Returns its exit status, 128 plus
+// the signal that ended it, or -1 when it could not be started.
+int programOutput(const std::vector<std::string>& argv, std::string* out, size_t most,
+                  int errFd = -1);
+
 // "killall lighttpd". In host mode only the lighttpd whose pid is in the
 // root's /var/run/lighttpd.pid is ended.
 void killLighttpd();

@@ -1,11 +1,7 @@
 #include "library/tags.h"
 
 #include <cjson/cJSON.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <strings.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,14 +10,6 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/process.h"
-
-std::string ffprobePath() {
-    std::string prober = ffmpegPath();
-    size_t slash = prober.rfind('/');
-    prober = (slash == std::string::npos ? std::string() : prober.substr(0, slash + 1)) + "ffprobe";
-    if (access(prober.c_str(), X_OK) != 0) prober = "/usr/bin/ffprobe";
-    return prober;
-}
 
 namespace {
 
@@ -69,30 +57,16 @@ double number(const cJSON* object, const char* key) {
 FileTags readTags(const std::string& path) {
     FileTags t;
     std::string prober = ffprobePath();
-    std::vector<std::string> argv = {prober, "-v",           "error",         "-print_format",
-                                     "json", "-show_format", "-show_streams", path};
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return t;
-    pid_t pid = spawnChild(prober, argv, -1, false, out[1]);
-    close(out[1]);
     std::string text;
-    char buf[8192];
-    while (pid > 0) {
-        ssize_t n = read(out[0], buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        if (text.size() < kMostOutput) text.append(buf, static_cast<size_t>(n));
-    }
-    close(out[0]);
-    if (pid < 0) {
+    int rc = programOutput(
+        {prober, "-v", "error", "-print_format", "json", "-show_format", "-show_streams", path},
+        &text, kMostOutput);
+    if (rc < 0) {
         kzLog("Cannot run %s\n", prober.c_str());
         return t;
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
     std::unique_ptr<cJSON, JsonDeleter> root(cJSON_Parse(text.c_str()));
-    if (!root || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return t;
+    if (!root || rc != 0) return t;
     const cJSON* format = cJSON_GetObjectItemCaseSensitive(root.get(), "format");
     if (!cJSON_IsObject(format)) return t;
     t.ok = true;

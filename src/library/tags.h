@@ -15,5 +15,3 @@ struct FileTags {
 };
 
 FileTags readTags(const std::string& path);
-// The ffprobe that sits beside the decoder kz uses, else the system's.
-std::string ffprobePath();

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/process.h"
 #include "library/database.h"
 #include "library/library.h"
 #include "library/names.h"
@@ -33,43 +33,20 @@ std::string quotedAfter(const std::string& line, const char* key) {
 // Whether the decoder finds an audio stream in the file. A file it cannot
 // judge (no prober here) is given the benefit of the doubt.
 bool holdsAudio(const std::string& path) {
-    std::string prober = ffmpegPath();
-    size_t slash = prober.rfind('/');
-    prober = (slash == std::string::npos ? std::string() : prober.substr(0, slash + 1)) + "ffprobe";
-    if (access(prober.c_str(), X_OK) != 0) prober = "/usr/bin/ffprobe";
+    std::string prober = ffprobePath();
     if (access(prober.c_str(), X_OK) != 0) {
         kzLog("No ffprobe: %s is not checked\n", path.c_str());
         return true;
     }
     kzLog("Executing %s -v error -show_entries stream=codec_type -of csv=p=0 \"%s\"\n",
           prober.c_str(), path.c_str());
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return true;
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(out[1], 1);
-        dup2(null, 2);
-        execl(prober.c_str(), prober.c_str(), "-v", "error", "-show_entries", "stream=codec_type",
-              "-of", "csv=p=0", path.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(out[1]);
+    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::string text;
-    char buf[256];
-    ssize_t n;
-    while (pid > 0 && (n = read(out[0], buf, sizeof buf)) != 0) {
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) break;
-        if (text.size() < 4096) text.append(buf, static_cast<size_t>(n));
-    }
-    close(out[0]);
-    int status = 0;
-    if (pid < 0) return true;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) return true;
+    int rc = programOutput(
+        {prober, "-v", "error", "-show_entries", "stream=codec_type", "-of", "csv=p=0", path},
+        &text, 4096, null);
+    if (null >= 0) close(null);
+    if (rc == -1 || rc == 127) return true;
     return text.find("audio") != std::string::npos;
 }
 }  // namespace
