@@ -198,8 +198,9 @@ Snapshot snapshot() {
 
 }  // namespace
 
-std::string storageStatusText() {
-    Snapshot s = snapshot();
+namespace {
+
+std::string textOf(const Snapshot& s) {
     if (!s.running) return s.word;
     if (s.kind == "tidy") return "Tidying the library";
     const char* verb = s.kind == "import"   ? "Importing"
@@ -210,16 +211,18 @@ std::string storageStatusText() {
            (s.kind == "import" ? " tracks" : " files");
 }
 
+}  // namespace
+
+std::string storageStatusText() {
+    return textOf(snapshot());
+}
+
 std::string storageJobJson() {
+    // One look at the job: the figures and the words agree.
     Snapshot s = snapshot();
-    std::string out = "{\"job\":\"";
-    appendJsonText(out, s.kind.c_str());
-    out += "\",\"running\":";
-    out += s.running ? "true" : "false";
-    out += ",\"done\":" + std::to_string(s.done) + ",\"total\":" + std::to_string(s.total) +
+    return "{\"job\":" + quoted(s.kind.c_str()) + ",\"running\":" + (s.running ? "true" : "false") +
+           ",\"done\":" + std::to_string(s.done) + ",\"total\":" + std::to_string(s.total) +
            ",\"bytesDone\":" + std::to_string(s.bytesDone) +
-           ",\"bytesTotal\":" + std::to_string(s.bytesTotal) + ",\"message\":\"";
-    appendJsonText(out, s.running ? storageStatusText().c_str() : s.word.c_str());
-    out += "\"}";
-    return out;
+           ",\"bytesTotal\":" + std::to_string(s.bytesTotal) +
+           ",\"message\":" + quoted(textOf(s).c_str()) + "}";
 }

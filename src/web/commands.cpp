@@ -273,12 +273,6 @@ class JsonList {
     int count_ = 0;
 };
 
-std::string quoted(const char* text) {
-    std::string out = "\"";
-    appendJsonText(out, text);
-    return out + "\"";
-}
-
 std::string idName(int id, const std::string& name) {
     return "{\"id\":" + std::to_string(id) + ",\"name\":" + quoted(name.c_str()) + "}";
 }

@@ -129,6 +129,12 @@ void appendJsonText(std::string& out, const char* text) {
     }
 }
 
+std::string quoted(const char* text) {
+    std::string out = "\"";
+    appendJsonText(out, text);
+    return out + "\"";
+}
+
 std::string getWebStatusCore(bool full) {
     std::string out;
     const int selected = getSelectedSource();

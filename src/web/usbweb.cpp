@@ -30,9 +30,7 @@ constexpr size_t kMostEntries = 2000;
 constexpr size_t kMostReply = 600000;
 
 std::string text(const std::string& s) {
-    std::string out = "\"";
-    appendJsonText(out, s.c_str());
-    return out + "\"";
+    return quoted(s.c_str());
 }
 
 // Every "&path=" value, decoded.
