@@ -48,6 +48,19 @@ struct Album {
     std::vector<Source> files;
 };
 
+// The names between the slashes of a path, empty ones left out.
+std::vector<std::string> pathParts(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t at = 0;
+    while (at <= path.size()) {
+        size_t slash = path.find('/', at);
+        if (slash == std::string::npos) slash = path.size();
+        if (slash > at) parts.push_back(path.substr(at, slash - at));
+        at = slash + 1;
+    }
+    return parts;
+}
+
 std::string lower(std::string s) {
     for (char& c : s)
         c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
@@ -159,13 +172,8 @@ std::string existingAlbum(const std::string& album, const std::string& artist) {
 
 bool cleanRelativePath(const std::string& in, std::string* out) {
     std::string result;
-    size_t at = 0;
-    while (at <= in.size()) {
-        size_t slash = in.find('/', at);
-        if (slash == std::string::npos) slash = in.size();
-        std::string part = in.substr(at, slash - at);
-        at = slash + 1;
-        if (part.empty() || part == ".") continue;
+    for (const std::string& part : pathParts(in)) {
+        if (part == ".") continue;
         if (part == ".." || part[0] == '.') return false;
         for (char c : part) {
             if (static_cast<unsigned char>(c) < 32) return false;
@@ -210,14 +218,7 @@ ImportResult importFromDrive(const std::string& driveRoot, const std::vector<std
             continue;
         }
         std::string path = rel.empty() ? driveRoot : driveRoot + "/" + rel;
-        std::vector<std::string> folders;
-        size_t at = 0;
-        while (!rel.empty() && at <= rel.size()) {
-            size_t slash = rel.find('/', at);
-            if (slash == std::string::npos) slash = rel.size();
-            folders.push_back(rel.substr(at, slash - at));
-            at = slash + 1;
-        }
+        std::vector<std::string> folders = pathParts(rel);
         // The drive's root may itself be a link (a folder shared in host
         // mode); links below it are never followed.
         struct stat st;
