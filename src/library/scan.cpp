@@ -247,10 +247,6 @@ void scanMirror(const std::string& albumPath) {
     }
 }
 
-std::string getUSBMountPoint(int port) {
-    return usbDriveRoot(port);
-}
-
 namespace {
 std::atomic<int> usbScanThreads{0};
 }
@@ -267,7 +263,7 @@ int startScanUSB(int port) {
     usbScanThreads++;
     bool started = startThread(
         [] {
-            scanUSBPath(getUSBMountPoint(usbPort));
+            scanUSBPath(usbDriveRoot(usbPort));
             requestRedraw("scanUSB");
             webClientsRefresh();
             usbScanThreads--;

@@ -35,8 +35,6 @@ void scanLocalAlbum(const std::string& root, const char* album, int artist);
 void scanAlbum(const char* album, const char* artistName);
 void scanMirror(const std::string& albumPath);
 
-// The mount point of a USB port: "/media/usba", "/media/usbb", ...
-std::string getUSBMountPoint(int port);
 int startScanUSB(int port);
 // True until the USB scan thread has ended, flag cleared or not.
 bool isUSBScanThreadRunning();
