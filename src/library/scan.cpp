@@ -41,22 +41,22 @@ bool isDots(const char* name) {
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Whether the entry is a folder; links to folders do not count, so a link
-// can never make a walk loop.
-bool entryIsFolder(DIR* d, const dirent* e) {
-    if (e->d_type == DT_DIR) return true;
-    if (e->d_type != DT_UNKNOWN) return false;
+// Whether a folder entry is of a kind (DT_DIR with S_IFDIR, DT_REG with
+// S_IFREG) as itself, never through a link: a link can neither make a walk
+// loop nor point a drive's scan off the drive.
+bool entryIs(DIR* d, const dirent* e, unsigned char type, mode_t kind) {
+    if (e->d_type != DT_UNKNOWN) return e->d_type == type;
     struct stat st;
-    return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+    return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+           (st.st_mode & S_IFMT) == kind;
 }
 
-// A drive's links are never followed: one may point off the drive or back
-// up its own tree.
+bool entryIsFolder(DIR* d, const dirent* e) {
+    return entryIs(d, e, DT_DIR, S_IFDIR);
+}
+
 bool entryIsFile(DIR* d, const dirent* e) {
-    if (e->d_type == DT_REG) return true;
-    if (e->d_type != DT_UNKNOWN) return false;
-    struct stat st;
-    return fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    return entryIs(d, e, DT_REG, S_IFREG);
 }
 
 // kzdb keeps one name a line and at most 249 bytes of it ("artist/album"
