@@ -199,6 +199,7 @@ class Run {
 
     BackupResult backup();
     BackupResult restore();
+    BackupResult copyAll(Side from);
 
   private:
     bool openBackupSide();
@@ -743,23 +744,21 @@ BackupResult Run::backup() {
         return done();
     }
     if (!openBackupSide()) return done();
-    srcSide_ = Side::Library;
-    dstSide_ = Side::Drive;
-    srcRoot_ = libraryRoot_.get();
-    dstRoot_ = backupRoot_.get();
-    scanAll();
-    if (!ended_) execute();
-    finish();
-    return done();
+    return copyAll(Side::Library);
 }
 
 BackupResult Run::restore() {
     kzLog("Restore: %s to %s\n", backupFolderOf(job_.driveRoot).c_str(), job_.libraryRoot.c_str());
     if (!openBackupSide() || !openLibrarySide()) return done();
-    srcSide_ = Side::Drive;
-    dstSide_ = Side::Library;
-    srcRoot_ = backupRoot_.get();
-    dstRoot_ = libraryRoot_.get();
+    return copyAll(Side::Drive);
+}
+
+// Both sides open: what differs goes from the one to the other.
+BackupResult Run::copyAll(Side from) {
+    srcSide_ = from;
+    dstSide_ = from == Side::Library ? Side::Drive : Side::Library;
+    srcRoot_ = from == Side::Library ? libraryRoot_.get() : backupRoot_.get();
+    dstRoot_ = from == Side::Library ? backupRoot_.get() : libraryRoot_.get();
     scanAll();
     if (!ended_) execute();
     finish();
