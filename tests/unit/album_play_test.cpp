@@ -34,10 +34,10 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
     std::string album = root + "/music/Tones/Three";
     std::filesystem::create_directories(album);
     // Out of table order on purpose: the track numbers decide.
-    makeAudio(album + "/03 High.mp3", "sine=frequency=880:duration=3",
+    makeAudio(album + "/03 High.mp3", "sine=frequency=880:duration=4",
               {"-ac", "2", "-ar", "44100"});
-    makeAudio(album + "/01 Low.wav", "sine=frequency=440:duration=3", {"-ac", "2", "-ar", "44100"});
-    makeAudio(album + "/02 Mid.flac", "sine=frequency=660:duration=3",
+    makeAudio(album + "/01 Low.wav", "sine=frequency=440:duration=4", {"-ac", "2", "-ar", "44100"});
+    makeAudio(album + "/02 Mid.flac", "sine=frequency=660:duration=4",
               {"-ac", "2", "-ar", "44100"});
     initmdb(root);
     resetSettings();
@@ -67,8 +67,10 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
     size_t frames = out.size() / 2;
     double last = 0;
     int steady = 0;
+    std::string trace;
     for (size_t at = 0; at + 4410 < frames; at += 4410) {
         double f = frequency(out, at, 4410);
+        trace += std::to_string(static_cast<int>(f)) + " ";
         double tone = 0;
         for (double t : {440.0, 660.0, 880.0}) {
             if (std::fabs(f - t) < 15) tone = t;
@@ -77,10 +79,12 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
         last = tone;
         if (tone > 0 && steady == 3 && (seen.empty() || seen.back() != tone)) seen.push_back(tone);
     }
-    EXPECT_EQ(seen, (std::vector<double>{440.0, 660.0, 880.0}));
-    // Each track is asked to be followed about 2 s before its end and is gone
-    // once the 0.6 s crossfade is over: 9 s of tones less about 2 x 1.4 s
-    // (pulled faster than real time, the end is judged a little early).
+    EXPECT_EQ(seen, (std::vector<double>{440.0, 660.0, 880.0})) << "tones every 0.1 s: " << trace;
+    // The next track is asked for once the time left, in whole seconds, is
+    // 2 or less (under 3 s), and the old one is gone when the crossfade is
+    // over: 12 s of tones less about 2 x 2.8 s. Tracks of 3 s were asked to be
+    // followed the moment their decoder finished, leaving a first tone too
+    // short to tell from the crossfade whenever the next decoder was quick.
     double seconds = 0;
     for (size_t i = 0; i < frames; i++) {
         if (out[2 * i] != 0 && out[2 * i] != 1) seconds += 1.0 / 44100;
@@ -88,7 +92,7 @@ TEST_F(AlbumPlayTest, TonesPlayInAlbumOrderWithACrossfade) {
     // A loaded machine may starve the decoders for a moment (silence, not
     // lost audio), so only the upper end is tight.
     EXPECT_GT(seconds, 3.0);
-    EXPECT_LT(seconds, 6.7);
+    EXPECT_LT(seconds, 7.2);
     killFfmpegs();
 }
 
