@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include <cctype>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -78,7 +78,10 @@ struct Zone {
 
 struct Zones {
     std::mutex m;
-    std::condition_variable wake;
+    // Wakes the thread for a job, a search or a reset. The thread sleeps in
+    // poll() beside the announcement socket until one of them or its next
+    // due time: a 250 ms tick woke it four times a second for nothing.
+    int wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::deque<std::function<void()>> jobs;
     std::vector<Zone> zones;
     std::string inUse;
@@ -94,6 +97,13 @@ Zones& Z() {
     // Never destroyed: the thread may outlive the end of main.
     static Zones& z = *new Zones;
     return z;
+}
+
+void wakeZones() {
+    uint64_t one = 1;
+    if (Z().wakeFd >= 0 && write(Z().wakeFd, &one, sizeof one) < 0) {
+        // The counter is already non-zero: the thread will wake anyway.
+    }
 }
 
 Zone* byKey(const std::string& key) {
@@ -455,6 +465,32 @@ void pollZone(const std::string& key) {
     if (advanceTo >= 0) sendEntry(key, advanceTo);
 }
 
+// Sleeps until there is something to do: a job or a search asked for, the
+// next search or zone poll due, or an announcement arriving.
+void waitForWork(int listener, Clock::time_point nextSearch) {
+    Clock::time_point due = nextSearch;
+    {
+        std::lock_guard<std::mutex> g(Z().m);
+        if (!Z().jobs.empty() || Z().searchNow || Z().forget) return;
+        for (const Zone& z : Z().zones)
+            due = std::min(due, z.nextPoll);
+    }
+    auto now = Clock::now();
+    if (due <= now) return;
+    // Rounded up: waking a moment early would only come straight back here.
+    long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                       due - now + std::chrono::microseconds(999))
+                       .count();
+    // Without the eventfd a request is only noticed by looking again.
+    if (Z().wakeFd < 0) ms = std::min(ms, 250LL);
+    pollfd p[2] = {{Z().wakeFd, POLLIN, 0}, {listener, POLLIN, 0}};
+    poll(p, 2, static_cast<int>(std::min(ms, 60000LL)));
+    uint64_t count;
+    if (Z().wakeFd >= 0 && read(Z().wakeFd, &count, sizeof count) < 0) {
+        // Nothing was pending (EAGAIN): woken by time or an announcement.
+    }
+}
+
 void zonesThread() {
     int listener = openAnnouncements();
     // Soon again after the start, when renderers and kz come up together.
@@ -466,10 +502,9 @@ void zonesThread() {
         std::function<void()> job;
         bool searching = false;
         std::vector<std::string> due;
+        waitForWork(listener, nextSearch);
         {
-            std::unique_lock<std::mutex> g(Z().m);
-            Z().wake.wait_for(g, std::chrono::milliseconds(250),
-                              [] { return !Z().jobs.empty() || Z().searchNow || Z().forget; });
+            std::lock_guard<std::mutex> g(Z().m);
             if (Z().forget) {
                 Z().forget = false;
                 Z().zones.clear();
@@ -519,7 +554,7 @@ std::string zoneKey(int zone, const char* what) {
 void post(std::function<void()> job) {
     std::lock_guard<std::mutex> g(Z().m);
     Z().jobs.push_back(std::move(job));
-    Z().wake.notify_all();
+    wakeZones();
 }
 
 void addTrack(std::vector<Entry>& out, int t) {
@@ -625,13 +660,13 @@ void startSonos() {
 void scanSonos() {
     std::lock_guard<std::mutex> g(Z().m);
     Z().searchNow = true;
-    Z().wake.notify_all();
+    wakeZones();
 }
 
 void resetSonos() {
     std::lock_guard<std::mutex> g(Z().m);
     Z().forget = true;
-    Z().wake.notify_all();
+    wakeZones();
 }
 
 std::vector<ZoneView> sonosZones() {
