@@ -132,6 +132,18 @@ def fetch(pid, path):
               f"http://127.0.0.1{path}", check=False).stdout
 
 
+def fetch_ok(pid, path, tries):
+    """fetch until the answer is a 200, at most tries times 0.2 s apart;
+    returns the last answer."""
+    answer = ""
+    for _ in range(tries):
+        answer = fetch(pid, path)
+        if answer.endswith("200"):
+            break
+        time.sleep(0.2)
+    return answer
+
+
 def test_install_brings_the_depends_and_sets_up_lighttpd_and_the_unit(installed):
     fresh, first = installed
     # dpkg alone cannot configure it on a bare root: the Depends are real.
@@ -156,19 +168,9 @@ def test_pages_and_api_through_lighttpd_and_the_restart_contract(booted, deb):
 
     # The page, and the daemon answering through lighttpd's FastCGI as the
     # web server's user.
-    page = ""
-    for _ in range(50):
-        page = fetch(pid, "/")
-        if page.endswith("200"):
-            break
-        time.sleep(0.2)
+    page = fetch_ok(pid, "/", 50)
     assert page.endswith("200") and (TOP / "www/index.html").read_text()[:200] in page
-    info = ""
-    for _ in range(100):
-        info = fetch(pid, "/api/getWebInfo")
-        if info.endswith("200"):
-            break
-        time.sleep(0.2)
+    info = fetch_ok(pid, "/api/getWebInfo", 100)
     assert f'"version":"kz {version}"' in info, info
 
     # SIGTERM is the daemon's orderly quit, status 0: it stays down.
