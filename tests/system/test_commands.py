@@ -117,14 +117,15 @@ def test_browse_play_playlists_settings_and_rip(daemon, tmp_path):
         # after the rename: either file will do, and the names inside follow.
         folder = music / "Disc Artist" / "Better Name"
 
-        def head_of_renamed():
+        def renamed_carries_the_names():
             for ext in (".wav", ".mp3"):
                 try:
-                    return (folder / ("01 Track One" + ext)).read_bytes()[:4096]
+                    head = (folder / ("01 Track One" + ext)).read_bytes()[:4096]
                 except OSError:
-                    pass
-            return b""
-        wait_until(lambda: b"Better Name" in head_of_renamed() and b"Track One" in head_of_renamed())
+                    continue
+                return b"Better Name" in head and b"Track One" in head
+            return False
+        wait_until(renamed_carries_the_names)
 
         assert d.stop() == 0
         settings = (root / "media" / "hdd1" / "kzsettings").read_text()
