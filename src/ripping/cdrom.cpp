@@ -33,6 +33,12 @@ void cdioLog(cdio_log_level_t level, const char* message) {
 std::mutex tocMutex;
 CdHeader toc;
 
+// libcdio parses .cue and .toc files with strtok, whose state is one per
+// process: the main loop's poll and a rip or the CD player opening the image
+// at the same moment garble each other into "no disc" (or trip libcdio's
+// asserts). Every open takes its turn.
+std::mutex openMutex;
+
 int digitSum(int n) {
     int sum = 0;
     for (; n > 0; n /= 10)
@@ -86,6 +92,7 @@ CdDrive::CdDrive(const std::string& source) {
     } else {
         image_ = false;
     }
+    std::lock_guard<std::mutex> g(openMutex);
     cdio_ = cdio_open(source.c_str(), driver);
 }
 
@@ -167,5 +174,6 @@ void ejectCD() {
         hostSkip("eject of the CD drive");
         return;
     }
+    std::lock_guard<std::mutex> g(openMutex);
     cdio_eject_media_drive(cdDevicePath().c_str());
 }

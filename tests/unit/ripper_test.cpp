@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cmath>
 #include <sstream>
 #include <thread>
@@ -215,6 +216,25 @@ TEST_F(RipperTest, DamagedImagesAndStoppedRips) {
         std::this_thread::yield();
     EXPECT_FALSE(fs::exists(root + "/music/Unknown/Album 2/01 track1.wav"));
     EXPECT_EQ(getTrackCount(), 1);
+}
+
+TEST_F(RipperTest, TheImageOpensWhileAnotherThreadOpensIt) {
+    // The main loop polls the drive while a rip or the CD player opens it
+    // too; libcdio parses a .cue with strtok, which two threads at once
+    // garble into "no disc".
+    makeImage({{160, 440}, {160, 660}, {160, 880}});
+    std::atomic<int> failed{0};
+    auto open = [&] {
+        for (int i = 0; i < 300; i++) {
+            CdDrive drive;
+            CdHeader header;
+            if (!drive.ok() || !drive.readHeader(&header) || header.numTracks() != 3) failed++;
+        }
+    };
+    std::thread other(open);
+    open();
+    other.join();
+    EXPECT_EQ(failed, 0);
 }
 
 TEST(RipNamesTest, CleaningKeepsUtf8AndStaysOneName) {
