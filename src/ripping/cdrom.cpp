@@ -165,7 +165,9 @@ void readTOC() {
     toc = header;
 }
 
-const CdHeader& currentToc() {
+CdHeader currentToc() {
+    // A copy: the web thread reads it while the main loop replaces it.
+    std::lock_guard<std::mutex> g(tocMutex);
     return toc;
 }
 

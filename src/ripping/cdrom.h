@@ -61,5 +61,5 @@ class CdDrive {
 int testUnitReady();
 // Reads the table of contents of the disc in the drive into the current one.
 void readTOC();
-const CdHeader& currentToc();
+CdHeader currentToc();
 void ejectCD();

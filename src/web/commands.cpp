@@ -1226,7 +1226,7 @@ void webListCD(const Request& r) {
     if (testUnitReady() != CD_READY) return;
     static thread_local JsonList list;
     list = JsonList();
-    const CdHeader& toc = currentToc();
+    const CdHeader toc = currentToc();
     for (int i = 0; i < toc.numTracks(); i++) {
         const CdTrack& t = toc.tracks[i];
         if (!t.audio) continue;
@@ -1242,7 +1242,7 @@ void webGetDiscid(const Request& r) {
         r.reply->text = "[]";
         return;
     }
-    const CdHeader& toc = currentToc();
+    const CdHeader toc = currentToc();
     char cddb[16];
     snprintf(cddb, sizeof cddb, "%08X", CdHeaderComputeCddbId(toc));
     r.reply->text = keep("{\"discid\":" + quoted(computeDiscId(toc).c_str()) + ",\"cddb\":\"" +
