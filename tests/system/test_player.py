@@ -67,7 +67,24 @@ def test_pause_holds_the_same_sample_and_resume_goes_on_from_it(daemon, tmp_path
     data = array.array("h")
     raw = p.pcm.read_bytes()
     data.frombytes(raw[:len(raw) // 4 * 4])
-    left, right = data[0::2], data[1::2]
+    # A decoder that falls behind the output (a busy machine) is padded with
+    # zeros, as the decoder's own start is; the sine is never 0 twice in a
+    # row. Those gaps are set aside: every sample of the tone must still come,
+    # once and in order.
+    frames = list(zip(data[0::2], data[1::2]))
+    kept, dropouts, i = [], [], 0
+    while i < len(frames):
+        j = i
+        while j < len(frames) and frames[j] == (0, 0):
+            j += 1
+        if j - i >= 2:
+            if kept:
+                dropouts.append(j - i)
+            i = j
+            continue
+        kept.append(frames[i])
+        i += 1
+    left, right = [f[0] for f in kept], [f[1] for f in kept]
     # Runs of the idle value (1 on both sides) longer than 10 ms are silence
     # the player made; a sine may touch 1 now and then.
     sound, pauses, run = [], [], 0
@@ -87,7 +104,7 @@ def test_pause_holds_the_same_sample_and_resume_goes_on_from_it(daemon, tmp_path
     start = next(i for i, v in enumerate(sound) if v != 0)
     end = max(i for i, v in enumerate(sound) if v != 0)
     jumps = [n for n in range(start + 100, end - 100) if abs(sound[n] - sound[n - 100]) > 3]
-    assert not jumps, jumps[:10]
+    assert not jumps, (jumps[:10], "dropouts", dropouts)
     # The pause was heard once, for about two seconds, and the track whole.
     assert len(pauses) == 1 and 1.5 < pauses[0] / 44100 < 3, [r / 44100 for r in pauses]
     assert abs((end - start) / 44100 - 8) < 0.1, (end - start) / 44100
