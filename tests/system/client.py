@@ -47,3 +47,21 @@ class Playing(Client):
         self.pcm = pcm
         super().__init__(daemon, root, {"KZ_PCM": f"file:FILE={pcm},FORMAT=raw", **(env or {})}, library)
         self.api("vol64")
+
+
+def without_dropouts(samples, zero=0):
+    """The samples without the runs of zeros a decoder that falls behind the
+    output is padded with (a busy machine), and those runs' lengths. A tone
+    is never zero twice in a row, so what is left must be the tone whole."""
+    kept, dropouts, i = [], [], 0
+    while i < len(samples):
+        j = i
+        while j < len(samples) and samples[j] == zero:
+            j += 1
+        if j - i >= 2:
+            dropouts.append(j - i)
+            i = j
+        else:
+            kept.append(samples[i])
+            i += 1
+    return kept, dropouts

@@ -5,7 +5,7 @@ import json
 import subprocess
 import time
 
-from client import Playing
+from client import Playing, without_dropouts
 
 
 def tone(path, freq, seconds):
@@ -67,23 +67,9 @@ def test_pause_holds_the_same_sample_and_resume_goes_on_from_it(daemon, tmp_path
     data = array.array("h")
     raw = p.pcm.read_bytes()
     data.frombytes(raw[:len(raw) // 4 * 4])
-    # A decoder that falls behind the output (a busy machine) is padded with
-    # zeros, as the decoder's own start is; the sine is never 0 twice in a
-    # row. Those gaps are set aside: every sample of the tone must still come,
-    # once and in order.
-    frames = list(zip(data[0::2], data[1::2]))
-    kept, dropouts, i = [], [], 0
-    while i < len(frames):
-        j = i
-        while j < len(frames) and frames[j] == (0, 0):
-            j += 1
-        if j - i >= 2:
-            if kept:
-                dropouts.append(j - i)
-            i = j
-            continue
-        kept.append(frames[i])
-        i += 1
+    # Dropouts of a busy machine are set aside: every sample of the tone
+    # must still come, once and in order.
+    kept, dropouts = without_dropouts(list(zip(data[0::2], data[1::2])), zero=(0, 0))
     left, right = [f[0] for f in kept], [f[1] for f in kept]
     # Runs of the idle value (1 on both sides) longer than 10 ms are silence
     # the player made; a sine may touch 1 now and then.

@@ -6,7 +6,7 @@ import subprocess
 import time
 import wave
 
-from client import Client, Playing
+from client import Client, Playing, without_dropouts
 
 TONE_HZ = 441
 VOL48 = 10 ** (-12 / 20)  # 0.75 dB a step below 64
@@ -120,12 +120,12 @@ def test_rooms_hear_the_box_after_its_volume_and_the_box_never_waits_for_them(da
 
     # The speakers: the whole track, no sample lost or repeated (441 Hz at
     # 44100 is a period of exactly 100 samples), at volume 48.
-    left = left_channel(p.pcm)
+    left, dropouts = without_dropouts(left_channel(p.pcm))
     start = next(i for i, v in enumerate(left) if v not in (0, 1))
     end = max(i for i, v in enumerate(left) if v not in (0, 1))
     assert abs((end - start) / 44100 - 12) < 0.1, (end - start) / 44100
     jumps = [n for n in range(start + 100, end - 100) if abs(left[n] - left[n - 100]) > 3]
-    assert not jumps, jumps[:10]
+    assert not jumps, (jumps[:10], "dropouts", dropouts)
     _, local_peak, _ = sound_of(left)
     assert abs(local_peak - full * VOL48) < full * VOL48 * 0.02, (local_peak, full)
 
