@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -215,9 +216,12 @@ void listener() {
         return;
     }
     std::string path = webSocketPath();
-    // A fresh host root has no /var/run yet.
-    if (isHostMode())
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    // A fresh host root has no /var/run yet. A folder that cannot be made
+    // (a read-only root, a root removed under us) shows as the bind failure.
+    if (isHostMode()) {
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    }
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());

@@ -64,6 +64,17 @@ def test_empty_root_starts_without_storage_and_quits_on_sigterm(daemon, tmp_path
     assert "Host mode: skipped unmount /media/hdd1" in skipped
 
 
+def test_a_root_with_no_room_for_the_socket_runs_on_without_the_web(daemon, tmp_path):
+    # var is a file: no links, no socket. The web is lost, the daemon is not.
+    root = tmp_path / "root"
+    (root / "media" / "hdd1").mkdir(parents=True)
+    (root / "var").write_text("")
+    d = daemon(root)
+    d.wait_for("testWebThread bind failed 20 Not a directory")
+    d.wait_for("isUSBdac = ")
+    assert d.stop(signal.SIGTERM) == 0
+
+
 def test_storage_choice_and_links(daemon, tmp_path):
     # An internal disk: medium 1, and the speakers' link points into it.
     hdd_root = tmp_path / "hdd"
