@@ -24,17 +24,21 @@ std::thread reader;
 std::atomic<bool> readerRun{false};
 std::atomic<bool> readerDone{true};
 std::atomic<int32_t> readLsn{0};
+// The disc being played. The web thread reads it for the status while a key
+// on the front panel may start another track: replaced and read under its
+// own lock, never held for long.
+std::mutex discMutex;
 CdHeader disc;
 Upsampler upsampler;  // the output thread's alone
 
-void readerThread(int first) {
+void readerThread(const CdHeader& toc, int first) {
     CdDrive drive;
     std::vector<uint8_t> buf(static_cast<size_t>(kSectorsPerRead) * kSectorBytes);
-    int32_t lsn = disc.tracks[first].startLsn;
+    int32_t lsn = toc.tracks[first].startLsn;
     int last = first;
-    while (last + 1 < disc.numTracks() && disc.tracks[last + 1].audio)
+    while (last + 1 < toc.numTracks() && toc.tracks[last + 1].audio)
         last++;
-    const int32_t end = disc.tracks[last].endLsn;
+    const int32_t end = toc.tracks[last].endLsn;
     while (readerRun && lsn <= end && drive.ok()) {
         int count = std::min<int32_t>(kSectorsPerRead, end - lsn + 1);
         if (!drive.readAudio(buf.data(), lsn, count)) {
@@ -92,14 +96,17 @@ int startCDReader(int index) {
         return 0;
     }
     std::lock_guard<std::mutex> g(readerMutex);
-    disc = header;
+    {
+        std::lock_guard<std::mutex> d(discMutex);
+        disc = header;
+    }
     readLsn = header.tracks[index].startLsn;
     upsampler.reset();
     readerDone = false;
     readerRun = true;
-    reader = std::thread([index] {
+    reader = std::thread([header, index] {
         nameThread("kz-cdreader");
-        readerThread(index);
+        readerThread(header, index);
     });
     return 1;
 }
@@ -130,6 +137,7 @@ int getCDTrackIndex() {
     if (readerDone && (!cdSB || cdSB->used() == 0)) return -1;
     // What is heard lies behind what was read by what the buffer holds.
     int32_t heard = readLsn - (cdSB ? cdSB->used() / kFramesPerSector : 0);
+    std::lock_guard<std::mutex> d(discMutex);
     for (int i = disc.numTracks() - 1; i >= 0; i--) {
         if (heard >= disc.tracks[i].startLsn) return i;
     }
@@ -137,5 +145,6 @@ int getCDTrackIndex() {
 }
 
 int getCDTrackCount() {
+    std::lock_guard<std::mutex> d(discMutex);
     return disc.numTracks();
 }
