@@ -416,7 +416,9 @@ void pollZone(const std::string& key) {
         int vol = z->volume;
         if (volume.ok) {
             const std::string& v = volume.values["CurrentVolume"];
-            if (!v.empty() && v.size() < 4 && std::all_of(v.begin(), v.end(), ::isdigit))
+            if (!v.empty() && v.size() < 4 && std::all_of(v.begin(), v.end(), [](unsigned char c) {
+                    return c >= '0' && c <= '9';
+                }))
                 vol = std::stoi(v);
         }
         changed = changed || state != z->state || uri != z->uri || vol != z->volume;
