@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -104,10 +105,17 @@ int startCDReader(int index) {
     upsampler.reset();
     readerDone = false;
     readerRun = true;
-    reader = std::thread([header, index] {
-        nameThread("kz-cdreader");
-        readerThread(header, index);
-    });
+    try {
+        reader = std::thread([header, index] {
+            nameThread("kz-cdreader");
+            readerThread(header, index);
+        });
+    } catch (const std::system_error&) {
+        kzLog("startCDReader () cannot start its reader thread\n");
+        readerRun = false;
+        readerDone = true;
+        return 0;
+    }
     return 1;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 #include <thread>
 
 #include "core/files.h"
@@ -253,18 +254,25 @@ bool SnapcastFeed::startOpener() {
     }
     o->device = st.st_dev;
     o->inode = st.st_ino;
-    std::thread([o, path = path_] {
-        int fd = openAnchored(o->anchor, path, O_WRONLY);
-        int error = errno;
-        std::lock_guard<std::mutex> g(o->mutex);
-        o->done = true;
-        o->error = error;
-        if (o->abandoned) {
-            if (fd >= 0) ::close(fd);
-        } else {
-            o->fd = fd;
-        }
-    }).detach();
+    // Started from the output thread: a thread that cannot be made fails
+    // the feed, never the output.
+    try {
+        std::thread([o, path = path_] {
+            int fd = openAnchored(o->anchor, path, O_WRONLY);
+            int error = errno;
+            std::lock_guard<std::mutex> g(o->mutex);
+            o->done = true;
+            o->error = error;
+            if (o->abandoned) {
+                if (fd >= 0) ::close(fd);
+            } else {
+                o->fd = fd;
+            }
+        }).detach();
+    } catch (const std::system_error& e) {
+        setState(State::Failed, std::string("cannot start a thread: ") + e.what());
+        return false;
+    }
     opener_ = std::move(o);
     return true;
 }

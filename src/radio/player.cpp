@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <set>
+#include <system_error>
 
 #include "core/events.h"
 #include "core/log.h"
@@ -82,10 +83,17 @@ void RadioPlayer::play(const Station& station) {
     }
     tries_ = 0;
     kzLog("Radio: playing %s <%s>\n", station.name.c_str(), station.url.c_str());
-    thread_ = std::thread([this, s] {
-        nameThread("kz-radio");
-        run(s);
-    });
+    try {
+        thread_ = std::thread([this, s] {
+            nameThread("kz-radio");
+            run(s);
+        });
+    } catch (const std::system_error&) {
+        kzLog("Radio: stream failed: %s\n", station.name.c_str());
+        std::lock_guard<std::mutex> g(mutex_);
+        session_.reset();
+        state_ = RadioState::Failed;
+    }
 }
 
 void RadioPlayer::requestStop() {
