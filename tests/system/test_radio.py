@@ -36,16 +36,33 @@ class Radio(Playing):
         return reply["id"]
 
     def heard(self, seconds=1.0):
-        """The frequency of the last seconds played (0 for silence)."""
+        """The frequency of the last seconds played (0 for silence). Quiet
+        stretches of 10 ms or more (a reconnection's decoder filling its
+        cushion, an MP3's priming) are left out, and a sign change counts
+        only from beyond 100 one way to beyond 100 the other."""
         data = self.pcm.read_bytes()
         frames = int(44100 * seconds)
         samples = array.array("h")
         samples.frombytes(data[len(data) // 4 * 4 - frames * 4:len(data) // 4 * 4])
-        left = samples[0::2]
-        if not left or max(abs(v) for v in left) < 200:
+        sound, run = [], []
+        for v in samples[0::2]:
+            if -100 <= v <= 100:
+                run.append(v)
+                continue
+            if len(run) < 441:
+                sound.extend(run)
+            run = []
+            sound.append(v)
+        if len(sound) < frames // 4 or max(abs(v) for v in sound) < 200:
             return 0
-        crossings = sum(1 for a, b in zip(left, left[1:]) if (a < 0) != (b < 0))
-        return crossings / 2 / seconds
+        crossings, sign = 0, 0
+        for v in sound:
+            if -100 <= v <= 100:
+                continue
+            if sign and (v > 0) != (sign > 0):
+                crossings += 1
+            sign = v
+        return crossings / 2 / (len(sound) / 44100)
 
 
 def quote(text):
