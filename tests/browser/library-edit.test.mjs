@@ -2,11 +2,11 @@
 // results read back), pages for what is not there, the longest names
 // without a space on a 320-pixel phone, and the album grid of a library too
 // big to keep in the page at once.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { Stack, TOP, makeTone } from './stack.mjs';
+import { Stack, logOnFailure, TOP, makeTone } from './stack.mjs';
 import { launch, layoutProblems, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -19,6 +19,7 @@ const LONG_ALBUM = 'Symphonies'.repeat(12);
 
 describe('editing the library', () => {
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   const errors = [];
@@ -172,6 +173,7 @@ describe('editing the library', () => {
 describe('the album grid of a big library', () => {
   const ALBUMS = 400;
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   const errors = [];

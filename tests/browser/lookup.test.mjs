@@ -2,13 +2,13 @@
 // Art Archive stand-in (ws/2 XML, a 307 to the image), the daemon, lighttpd
 // and chromium. The page follows the lookup, shows what it found with
 // covers, fills the form from a candidate and rips with one.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer } from 'node:http';
 import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
-import { Stack, TOP, ffmpeg } from './stack.mjs';
+import { Stack, logOnFailure, TOP, ffmpeg } from './stack.mjs';
 import { launch, layoutProblems, watchedPage, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -89,6 +89,7 @@ class Services {
 describe('CD lookup in the pages', () => {
   let services;
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   let work;

@@ -1,11 +1,11 @@
 // The web pages in a real browser against the real stack: the daemon with
 // the demo library and a CD image, lighttpd in front, chromium headless.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
-import { Stack, TOP, ffmpeg, makeTone } from './stack.mjs';
+import { Stack, logOnFailure, TOP, ffmpeg, makeTone } from './stack.mjs';
 import { launch, layoutProblems, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -13,6 +13,7 @@ const PAGING_TRACKS = 130;
 
 describe('web pages', () => {
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   let files;

@@ -2,13 +2,13 @@
 // search the directory and play a result, save it as a preset and play the
 // preset, add a station by its address, and see the station, its title and
 // logo on the playing view.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer } from 'node:http';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { tmpdir } from 'node:os';
-import { Stack, TOP, ffmpeg } from './stack.mjs';
+import { Stack, logOnFailure, TOP, ffmpeg } from './stack.mjs';
 import { launch, layoutProblems, watchedPage, PHONE, DESKTOP } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -78,6 +78,7 @@ class Stations {
 describe('Radio in the pages', () => {
   let stations;
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   let work;

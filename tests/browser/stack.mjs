@@ -67,6 +67,20 @@ export function makeDisc(dir, trackSeconds) {
   return join(dir, 'disc.cue');
 }
 
+// For afterEach: after a test that failed, the daemon's last log lines and
+// lighttpd's errors, since a page that waits in vain cannot say why.
+export function logOnFailure(current) {
+  return (t) => {
+    const stack = current();
+    if (t.passed || !stack?.lines) return;
+    for (const line of stack.lines.slice(-80)) console.log(`# daemon: ${line}`);
+    const errors = join(stack.root, 'var', 'log', 'lighttpd-error.log');
+    if (existsSync(errors)) {
+      for (const line of readFileSync(errors, 'utf8').split('\n').slice(-20)) console.log(`# lighttpd: ${line}`);
+    }
+  };
+}
+
 export class Stack {
   // prepare(musicDir) may add files to the library before the daemon starts;
   // env adds to the daemon's environment (the lookup services' addresses).

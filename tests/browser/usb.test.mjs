@@ -1,11 +1,11 @@
 // The USB view and the backup in Settings: a drive plugged in shows with its
 // folders, a file's tags and a track that plays; an album imported lands in
 // the library; a backup shows its date; a drive pulled out leaves the view.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, renameSync, symlinkSync } from 'node:fs';
 import { join } from 'node:path';
-import { Stack, TOP, makeTone } from './stack.mjs';
+import { Stack, logOnFailure, TOP, makeTone } from './stack.mjs';
 import { launch, layoutProblems, watchedPage } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -13,6 +13,7 @@ const NARROW = { width: 360, height: 740 };
 
 describe('USB drives', () => {
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   let errors;

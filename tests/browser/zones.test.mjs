@@ -4,11 +4,11 @@
 // the keys and the volume slider act on it. Runs inside the private network
 // of tests/in-netns.sh (KZ_IN_NETNS=1), where kz, lighttpd, the renderer and
 // the browser all live; skipped elsewhere.
-import { describe, it, before, after } from 'node:test';
+import { describe, it, before, after, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { join } from 'node:path';
-import { Stack, TOP } from './stack.mjs';
+import { Stack, logOnFailure, TOP } from './stack.mjs';
 import { launch, layoutProblems, watchedPage, PHONE } from './browser.mjs';
 
 const SHOTS = process.env.KZ_SCREENSHOTS || join(TOP, 'build', 'screenshots');
@@ -30,6 +30,7 @@ async function ask(control, action) {
 
 describe('rooms on the Playing view', { skip: process.env.KZ_IN_NETNS !== '1' && 'needs the private network of tests/in-netns.sh' }, () => {
   let stack;
+  afterEach(logOnFailure(() => stack));
   let browser;
   let page;
   let errors;
