@@ -49,19 +49,23 @@ class Playing(Client):
         self.api("vol64")
 
 
-def without_dropouts(samples, zero=0):
+def without_dropouts(samples, zero=0, quiet=None, shortest=2):
     """The samples without the runs of zeros a decoder that falls behind the
     output is padded with (a busy machine), and those runs' lengths. A tone
-    is never zero twice in a row, so what is left must be the tone whole."""
+    is never zero twice in a row, so what is left must be the tone whole.
+    quiet and shortest widen what a run is (quiet(sample), at least shortest
+    samples long)."""
+    quiet = quiet or (lambda v: v == zero)
     kept, dropouts, i = [], [], 0
     while i < len(samples):
         j = i
-        while j < len(samples) and samples[j] == zero:
+        while j < len(samples) and quiet(samples[j]):
             j += 1
-        if j - i >= 2:
+        if j - i >= shortest:
             dropouts.append(j - i)
             i = j
         else:
-            kept.append(samples[i])
-            i += 1
+            j = max(j, i + 1)
+            kept.extend(samples[i:j])
+            i = j
     return kept, dropouts

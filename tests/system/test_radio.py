@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from client import Playing
+from client import Playing, without_dropouts
 from radio_servers import Icecast, StreamServer, make_mp3, radio_browser
 
 pytestmark = pytest.mark.skipif(subprocess.run(["which", "icecast2"], capture_output=True).returncode,
@@ -44,15 +44,7 @@ class Radio(Playing):
         frames = int(44100 * seconds)
         samples = array.array("h")
         samples.frombytes(data[len(data) // 4 * 4 - frames * 4:len(data) // 4 * 4])
-        sound, run = [], []
-        for v in samples[0::2]:
-            if -100 <= v <= 100:
-                run.append(v)
-                continue
-            if len(run) < 441:
-                sound.extend(run)
-            run = []
-            sound.append(v)
+        sound, _ = without_dropouts(samples[0::2], quiet=lambda v: -100 <= v <= 100, shortest=441)
         if len(sound) < frames // 4 or max(abs(v) for v in sound) < 200:
             return 0
         crossings, sign = 0, 0
